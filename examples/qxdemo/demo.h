@@ -1,0 +1,10 @@
+/* One demonstration per family; each returns 0 when everything worked. */
+#ifndef QXDEMO_DEMO_H
+#define QXDEMO_DEMO_H
+
+/* Joins the samples directory and a file name into a static buffer. */
+const char *demo_sample(const char *name);
+
+int demo_strings(void);
+
+#endif
