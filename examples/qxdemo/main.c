@@ -9,8 +9,7 @@
 
 static const char *samples_dir = "examples/data";
 
-const char *demo_sample(const char *name)
-{
+const char *demo_sample(const char *name) {
     static char path[4096];
     snprintf(path, sizeof path, "%s/%s", samples_dir, name);
     return path;
@@ -21,8 +20,7 @@ struct demo {
     int (*run)(void);
 };
 
-int main(int argc, char **argv)
-{
+int main(int argc, char **argv) {
     static const struct demo demos[] = {
         {"strings, templates and error texts", demo_strings},
     };

@@ -10,8 +10,7 @@
 
 #include "demo.h"
 
-static int read_sample(strbuf *sb, const char *name)
-{
+static int read_sample(strbuf *sb, const char *name) {
     char chunk[512];
     size_t n;
     FILE *in = fopen(demo_sample(name), "r");
@@ -29,8 +28,7 @@ static int read_sample(strbuf *sb, const char *name)
     return 0;
 }
 
-int demo_strings(void)
-{
+int demo_strings(void) {
     strbuf motd = {0};
     strbuf line = {0};
     int replaced;
@@ -38,8 +36,8 @@ int demo_strings(void)
 
     if (read_sample(&motd, "motd.template") != 0)
         return 1;
-    replaced = strbuf_substitute(&motd, "$", "host", "gateway-01", "service", "mail relay",
-                                 "admin", "ops@example.org", (char *)NULL);
+    replaced = strbuf_substitute(&motd, "$", "host", "gateway-01", "service", "mail relay", "admin",
+                                 "ops@example.org", (char *)NULL);
     if (replaced < 0) {
         strbuf_free(&motd);
         return 1;

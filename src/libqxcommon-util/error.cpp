@@ -19,16 +19,11 @@ namespace {
 int debug_level = 0;
 
 constexpr std::array<const char *, 10> error_texts = {
-    "success",
-    "Houston, we have a problem!",
-    "assertion failed",
-    "invalid value",
-    "missing value",
-    "unknown command",
-    "unknown key",
-    "tld error",
-    "unknown tld type",
-    "SQL exec failed",
+    "success",          "Houston, we have a problem!",
+    "assertion failed", "invalid value",
+    "missing value",    "unknown command",
+    "unknown key",      "tld error",
+    "unknown tld type", "SQL exec failed",
 };
 
 // "unknown error " followed by twenty bytes for the number; only the part
@@ -36,7 +31,9 @@ constexpr std::array<const char *, 10> error_texts = {
 constexpr std::size_t unknown_prefix_length = 14;
 char unknown_code_text[35] = "unknown error ....................";
 
-bool level_enabled(int level) { return debug_level >= level; }
+bool level_enabled(int level) {
+    return debug_level >= level;
+}
 
 // "message: error text" on the heap, or NULL when the level is off or memory
 // is short. The message is cut to 127 bytes. The GNU strerror_r returns a
@@ -59,9 +56,13 @@ char *compose_error_message(int level, int errnum, const char *format, va_list a
 
 extern "C" {
 
-QX_API void qx_debug_set(int level) { debug_level = level; }
+QX_API void qx_debug_set(int level) {
+    debug_level = level;
+}
 
-QX_API int qx_debug_get(void) { return debug_level; }
+QX_API int qx_debug_get(void) {
+    return debug_level;
+}
 
 QX_API void qx_vdebug(int level, const char *format, va_list ap) {
     if (!level_enabled(level))

@@ -128,9 +128,13 @@ QX_API char *strbuf_trunc_at(strbuf *sb, const char *chars) {
     return found;
 }
 
-QX_API size_t strbuf_len(const strbuf *sb) { return sb->length; }
+QX_API size_t strbuf_len(const strbuf *sb) {
+    return sb->length;
+}
 
-QX_API ssize_t strbuf_write(const strbuf *sb, int fd) { return ::write(fd, sb->text, sb->length); }
+QX_API ssize_t strbuf_write(const strbuf *sb, int fd) {
+    return ::write(fd, sb->text, sb->length);
+}
 
 QX_API void strbuf_free(strbuf *sb) {
     if (sb->size != 0)
@@ -146,7 +150,9 @@ QX_API void strbuf_wipefree(strbuf *sb) {
     strbuf_free(sb);
 }
 
-QX_API strbuf *qx_string_new(void) { return static_cast<strbuf *>(std::calloc(1, sizeof(strbuf))); }
+QX_API strbuf *qx_string_new(void) {
+    return static_cast<strbuf *>(std::calloc(1, sizeof(strbuf)));
+}
 
 QX_API void qx_string_delete(strbuf *sb) {
     if (sb == nullptr)
@@ -159,12 +165,16 @@ QX_API int qx_string_is_empty(const strbuf *sb) {
     return sb->text == nullptr || sb->text[0] == '\0' ? 1 : 0;
 }
 
-QX_API int qx_string_has_value(const strbuf *sb) { return qx_string_is_empty(sb) ? 0 : 1; }
+QX_API int qx_string_has_value(const strbuf *sb) {
+    return qx_string_is_empty(sb) ? 0 : 1;
+}
 
 QX_API int qx_string_is_equal(const strbuf *sb, const char *other) {
     return std::strcmp(sb->text, other) == 0 ? 1 : 0;
 }
 
-QX_API int qx_string_clear(strbuf *sb) { return strbuf_setlength(sb, 0); }
+QX_API int qx_string_clear(strbuf *sb) {
+    return strbuf_setlength(sb, 0);
+}
 
 } // extern "C"

@@ -23,6 +23,14 @@ char *text_end(const strbuf *sb) noexcept {
     return sb->text == nullptr ? nullptr : sb->text + sb->length;
 }
 
+// The measuring pass may have written over the NUL at the end of the text;
+// a failure puts it back so that the caller's text reads as before.
+int fail_keeping_text(strbuf *sb) noexcept {
+    if (sb->text != nullptr && sb->size > sb->length)
+        sb->text[sb->length] = '\0';
+    return -1;
+}
+
 // One placeholder's worth of the template: the name and value of the pair
 // that matched, or no name.
 struct pair_match {
@@ -75,10 +83,10 @@ QX_API int strbuf_vappendf(strbuf *sb, const char *format, va_list ap) {
     }
     const std::size_t newsize = round_to_kib_less_one(count + sb->size + 1);
     if (newsize < sb->size)
-        return -1;
+        return fail_keeping_text(sb);
     void *block = std::realloc(sb->text, newsize);
     if (block == nullptr)
-        return -1;
+        return fail_keeping_text(sb);
     sb->text = static_cast<char *>(block);
     sb->size = newsize;
     // The second pass is trusted as it stands: a format error therefore

@@ -15,11 +15,13 @@ void *__interceptor_malloc(std::size_t);
 void *__interceptor_calloc(std::size_t, std::size_t);
 void *__interceptor_realloc(void *, std::size_t);
 int __interceptor_posix_memalign(void **, std::size_t, std::size_t);
+void __interceptor_free(void *);
 #else
 void *__libc_malloc(std::size_t);
 void *__libc_calloc(std::size_t, std::size_t);
 void *__libc_realloc(void *, std::size_t);
 void *__libc_memalign(std::size_t, std::size_t);
+void __libc_free(void *);
 #endif
 }
 
@@ -30,6 +32,12 @@ std::atomic<long> counter{0};
 std::atomic<long> fail_at{-1};
 std::atomic<bool> fail_later{false};
 std::atomic<bool> failed{false};
+
+constexpr unsigned long watch_capacity = 4096;
+std::atomic<const void *> watched_block{nullptr};
+unsigned long watched_bytes = 0;
+bool watched_freed = false;
+unsigned char watched_copy[watch_capacity];
 
 // Counts one allocation and tells whether it is to fail.
 bool next_allocation_fails() {
@@ -68,6 +76,14 @@ void *real_realloc(void *p, std::size_t n) {
 #endif
 }
 
+void real_free(void *p) {
+#ifdef QX_TEST_UNDER_ASAN
+    __interceptor_free(p);
+#else
+    __libc_free(p);
+#endif
+}
+
 int real_posix_memalign(void **out, std::size_t alignment, std::size_t n) {
 #ifdef QX_TEST_UNDER_ASAN
     return __interceptor_posix_memalign(out, alignment, n);
@@ -95,11 +111,31 @@ void fail_allocation(long n, bool and_later) {
     armed.store(true);
 }
 
-void stop_failing_allocations() { armed.store(false); }
+void stop_failing_allocations() {
+    armed.store(false);
+}
 
-long allocations_seen() { return counter.load(); }
+long allocations_seen() {
+    return counter.load();
+}
 
-bool allocation_was_failed() { return failed.load(); }
+bool allocation_was_failed() {
+    return failed.load();
+}
+
+void watch_free(const void *block, unsigned long bytes) {
+    watched_bytes = bytes < watch_capacity ? bytes : watch_capacity;
+    watched_freed = false;
+    watched_block.store(block);
+}
+
+bool watched_block_was_freed() {
+    return watched_freed;
+}
+
+const unsigned char *watched_block_contents() {
+    return watched_copy;
+}
 
 } // namespace qx_test
 
@@ -127,6 +163,17 @@ void *realloc(void *p, std::size_t n) noexcept {
         return nullptr;
     }
     return real_realloc(p, n);
+}
+
+void free(void *p) noexcept {
+    if (p != nullptr && p == watched_block.load()) {
+        const auto *bytes = static_cast<const unsigned char *>(p);
+        for (unsigned long i = 0; i < watched_bytes; ++i)
+            watched_copy[i] = bytes[i];
+        watched_freed = true;
+        watched_block.store(nullptr);
+    }
+    real_free(p);
 }
 
 int posix_memalign(void **out, std::size_t alignment, std::size_t n) noexcept {

@@ -1,6 +1,7 @@
 // Makes chosen allocations fail. The test program defines malloc, calloc,
-// realloc and posix_memalign and forwards them to the real allocator; while
-// armed, it counts the calls and fails the chosen ones with ENOMEM.
+// realloc, posix_memalign and free and forwards them to the real allocator;
+// while armed, it counts the allocations and fails the chosen ones with
+// ENOMEM.
 //
 // Under AddressSanitizer, strdup and a few other C library functions
 // allocate inside the sanitizer and are not seen here.
@@ -18,6 +19,14 @@ long allocations_seen();
 // Whether an allocation was failed since the last fail_allocation (still
 // answered after disarming).
 bool allocation_was_failed();
+
+// Watches for free(block): when it comes, the first `bytes` bytes of the
+// block are copied just before it is released, so a test can see what a
+// function left in memory it freed. One block at a time.
+void watch_free(const void *block, unsigned long bytes);
+// Whether the watched block was freed, and its bytes at that moment.
+bool watched_block_was_freed();
+const unsigned char *watched_block_contents();
 
 // Arms on construction, disarms on destruction.
 class failing_allocation {

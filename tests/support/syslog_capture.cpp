@@ -42,7 +42,9 @@ void syslog_clear() {
 
 extern "C" {
 
-void vsyslog(int priority, const char *format, va_list ap) { record(priority, format, ap); }
+void vsyslog(int priority, const char *format, va_list ap) {
+    record(priority, format, ap);
+}
 
 void syslog(int priority, const char *format, ...) {
     va_list ap;

@@ -43,7 +43,9 @@ temp_dir::~temp_dir() {
     nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
-std::string temp_dir::file(const std::string &name) const { return path_ + "/" + name; }
+std::string temp_dir::file(const std::string &name) const {
+    return path_ + "/" + name;
+}
 
 void write_file(const std::string &path, const std::string &content) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);

@@ -8,7 +8,9 @@
 namespace qx::detail {
 
 // Sizes produced by growth have their ten low bits set: k * 1024 - 1.
-constexpr std::size_t round_to_kib_less_one(std::size_t n) noexcept { return n | 1023U; }
+constexpr std::size_t round_to_kib_less_one(std::size_t n) noexcept {
+    return n | 1023U;
+}
 
 // Rule A: makes room for n more bytes and the NUL after them. The new size is
 // derived from the old allocated size, so every growth adds at least n + 1.

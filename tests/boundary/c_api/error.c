@@ -3,8 +3,7 @@
 
 #include <qxcommon-util/error.h>
 
-int check_error(void)
-{
+int check_error(void) {
     char buf[8];
     if (strcmp(qx_strerror(QX_OK), "success") != 0)
         return 1;

@@ -4,8 +4,7 @@
 #include <qxcommon-util/strbuf.h>
 #include <qxcommon-util/strbuf_format.h>
 
-int check_strbuf(void)
-{
+int check_strbuf(void) {
     strbuf sb = {0};
     strbuf *heap;
     int failed = 0;

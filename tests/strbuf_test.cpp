@@ -1,0 +1,483 @@
+// The string buffer: growth rules, the basic operations, the heap form.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <unistd.h>
+
+#include "qxcommon-util/strbuf.h"
+#include "support/alloc_fail.hpp"
+
+namespace {
+
+// A caller's buffer, released at the end of the test.
+struct owned_strbuf : strbuf {
+    owned_strbuf() : strbuf{} {}
+    ~owned_strbuf() { strbuf_free(this); }
+    owned_strbuf(const owned_strbuf &) = delete;
+    owned_strbuf &operator=(const owned_strbuf &) = delete;
+    std::string bytes() const { return std::string(text, length); }
+};
+
+struct snapshot {
+    const char *text;
+    std::size_t length;
+    std::size_t size;
+    std::string content; // the bytes up to and including the NUL
+    explicit snapshot(const strbuf &sb)
+        : text(sb.text), length(sb.length), size(sb.size),
+          content(sb.text != nullptr ? std::string(sb.text, sb.length + 1) : std::string()) {}
+};
+
+void expect_unchanged(const strbuf &sb, const snapshot &before) {
+    EXPECT_EQ(sb.text, before.text);
+    EXPECT_EQ(sb.length, before.length);
+    EXPECT_EQ(sb.size, before.size);
+    if (sb.text != nullptr) {
+        EXPECT_EQ(std::string(sb.text, sb.length + 1), before.content);
+    }
+}
+
+TEST(StrbufRecord, ZeroRecordIsAnEmptyBuffer) {
+    strbuf sb{};
+    EXPECT_EQ(strbuf_len(&sb), 0U);
+    EXPECT_EQ(qx_string_is_empty(&sb), 1);
+    strbuf_free(&sb);
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.size, 0U);
+}
+
+TEST(StrbufRecord, FieldsAreTextLengthSizeInThatOrder) {
+    EXPECT_EQ(offsetof(strbuf, text), 0U);
+    EXPECT_EQ(offsetof(strbuf, length), sizeof(char *));
+    EXPECT_EQ(offsetof(strbuf, size), sizeof(char *) + sizeof(std::size_t));
+}
+
+TEST(StrbufAppend, EmptyStringOnZeroRecordAllocatesOneKibibyteLessOne) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, ""), 0);
+    EXPECT_NE(sb.text, nullptr);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_STREQ(sb.text, "");
+}
+
+TEST(StrbufAppend, StringThatFillsTheRoomExactlyDoesNotGrow) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+    const char *before = sb.text;
+    const std::string fill(sb.size - sb.length - 1, 'f'); // 1019 bytes
+    ASSERT_EQ(strbuf_append(&sb, fill.c_str()), 0);
+    EXPECT_EQ(sb.text, before);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 1022U);
+    EXPECT_EQ(sb.text[1022], '\0');
+}
+
+TEST(StrbufAppend, OneByteMoreThanTheRoomGrowsToNextKibibyteLessOne) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+    const std::string fill(sb.size - sb.length, 'f'); // 1020 bytes
+    ASSERT_EQ(strbuf_append(&sb, fill.c_str()), 0);
+    // (1023 + 1020 + 1) with the ten low bits set
+    EXPECT_EQ(sb.size, 2047U);
+    EXPECT_EQ(sb.length, 1023U);
+    EXPECT_EQ(sb.bytes(), "abc" + fill);
+}
+
+TEST(StrbufAppend, GrowthIsComputedFromTheOldSizeNotTheLength) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, std::string(1500, 'a').c_str()), 0);
+    EXPECT_EQ(sb.size, 2047U); // (0 + 1500 + 1) | 1023
+    ASSERT_EQ(strbuf_append(&sb, std::string(600, 'b').c_str()), 0);
+    EXPECT_EQ(sb.size, 3071U); // (2047 + 600 + 1) | 1023
+    EXPECT_EQ(sb.length, 2100U);
+}
+
+TEST(StrbufAppend, NullStringFailsAndChangesNothing) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "keep"), 0);
+    const snapshot before(sb);
+    EXPECT_EQ(strbuf_append(&sb, nullptr), -1);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufAppend, FailedGrowthLeavesTheBufferUnchanged) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+    const snapshot before(sb);
+    const std::string big(2000, 'x');
+    const int result =
+        qx_test::call_with_failing_allocation(0, [&] { return strbuf_append(&sb, big.c_str()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, -1);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufAppend, FirstAllocationFailureLeavesAZeroRecord) {
+    strbuf sb{};
+    const int result =
+        qx_test::call_with_failing_allocation(0, [&] { return strbuf_append(&sb, "x"); });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.size, 0U);
+}
+
+TEST(StrbufNappend, KeepsEmbeddedNulBytes) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_nappend(&sb, "a\0b", 3), 0);
+    EXPECT_EQ(sb.length, 3U);
+    EXPECT_EQ(sb.bytes(), std::string("a\0b", 3));
+    EXPECT_EQ(sb.text[3], '\0');
+    EXPECT_EQ(qx_string_is_empty(&sb), 0);
+    EXPECT_EQ(std::strlen(sb.text), 1U);
+}
+
+TEST(StrbufNappend, NullDataFails) {
+    owned_strbuf sb;
+    EXPECT_EQ(strbuf_nappend(&sb, nullptr, 3), -1);
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.size, 0U);
+}
+
+TEST(StrbufNappend, ZeroBytesOnZeroRecordAllocatesAndTerminates) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_nappend(&sb, "ignored", 0), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.text[0], '\0');
+}
+
+TEST(StrbufNappend, SizeThatWouldWrapAroundFailsUnchanged) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+    const snapshot before(sb);
+    // The data is never read: the size check fails first.
+    EXPECT_EQ(strbuf_nappend(&sb, "x", SIZE_MAX - 5), -1);
+    EXPECT_EQ(strbuf_nappend(&sb, "x", SIZE_MAX), -1);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufPrepend, PutsTheStringInFront) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "cd"), 0);
+    ASSERT_EQ(strbuf_prepend(&sb, "ab"), 0);
+    EXPECT_STREQ(sb.text, "abcd");
+    EXPECT_EQ(sb.length, 4U);
+    EXPECT_EQ(sb.size, 1023U);
+}
+
+TEST(StrbufPrepend, NullStringReturnsZeroAndChangesNothing) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "cd"), 0);
+    const snapshot before(sb);
+    EXPECT_EQ(strbuf_prepend(&sb, nullptr), 0);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufPrepend, WorksOnAZeroRecord) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_prepend(&sb, "only"), 0);
+    EXPECT_STREQ(sb.text, "only");
+    EXPECT_EQ(sb.length, 4U);
+    EXPECT_EQ(sb.size, 1023U);
+}
+
+TEST(StrbufPrepend, GrowsWithRuleAAndMovesTheOldText) {
+    owned_strbuf sb;
+    const std::string tail(1000, 't');
+    const std::string head(100, 'h');
+    ASSERT_EQ(strbuf_append(&sb, tail.c_str()), 0);
+    ASSERT_EQ(strbuf_prepend(&sb, head.c_str()), 0);
+    EXPECT_EQ(sb.size, 2047U); // (1023 + 100 + 1) | 1023
+    EXPECT_EQ(sb.bytes(), head + tail);
+    EXPECT_EQ(sb.text[1100], '\0');
+}
+
+TEST(StrbufPrepend, FailedGrowthLeavesTheBufferUnchanged) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, std::string(1000, 't').c_str()), 0);
+    const snapshot before(sb);
+    const std::string head(100, 'h');
+    const int result =
+        qx_test::call_with_failing_allocation(0, [&] { return strbuf_prepend(&sb, head.c_str()); });
+    EXPECT_EQ(result, -1);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufPut, ReplacesTheText) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "hello"), 0);
+    ASSERT_EQ(strbuf_put(&sb, "hi"), 0);
+    EXPECT_STREQ(sb.text, "hi");
+    EXPECT_EQ(sb.length, 2U);
+}
+
+TEST(StrbufPut, NullStringFailsWithLengthZeroAndTheOldBytesInPlace) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "hello"), 0);
+    EXPECT_EQ(strbuf_put(&sb, nullptr), -1);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_STREQ(sb.text, "hello");
+}
+
+TEST(StrbufSetlength, ShorterLengthCutsWithANul) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abcdef"), 0);
+    ASSERT_EQ(strbuf_setlength(&sb, 2), 0);
+    EXPECT_EQ(sb.length, 2U);
+    EXPECT_STREQ(sb.text, "ab");
+    EXPECT_EQ(sb.size, 1023U);
+}
+
+TEST(StrbufSetlength, LongerLengthKeepsOldBytesAndTerminatesTheNewEnd) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abcdef"), 0);
+    ASSERT_EQ(strbuf_setlength(&sb, 2), 0);
+    ASSERT_EQ(strbuf_setlength(&sb, 5), 0);
+    EXPECT_EQ(sb.length, 5U);
+    // The bytes between are not cleared: the old "cde" (and the NUL written
+    // over 'c' by the cut) are still there.
+    EXPECT_EQ(sb.bytes(), std::string("ab\0de", 5));
+    EXPECT_EQ(sb.text[5], '\0');
+}
+
+TEST(StrbufSetlength, GrowsWithRuleBFromTheRequestedLengthAlone) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+    ASSERT_EQ(strbuf_setlength(&sb, 5000), 0);
+    EXPECT_EQ(sb.size, 5119U); // 5001 | 1023
+    EXPECT_EQ(sb.length, 5000U);
+    EXPECT_EQ(sb.text[5000], '\0');
+    EXPECT_EQ(std::string(sb.text, 3), "abc");
+    // Exactly size - 1 fits without growth.
+    ASSERT_EQ(strbuf_setlength(&sb, 5118), 0);
+    EXPECT_EQ(sb.size, 5119U);
+    ASSERT_EQ(strbuf_setlength(&sb, 5119), 0);
+    EXPECT_EQ(sb.size, 6143U); // 5120 | 1023
+}
+
+TEST(StrbufSetlength, ZeroOnAZeroRecordAllocates) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_setlength(&sb, 0), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.text[0], '\0');
+}
+
+TEST(StrbufSetlength, FailedGrowthLeavesTheBufferUnchanged) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+    const snapshot before(sb);
+    const int result =
+        qx_test::call_with_failing_allocation(0, [&] { return strbuf_setlength(&sb, 4000); });
+    EXPECT_EQ(result, -1);
+    expect_unchanged(sb, before);
+    EXPECT_EQ(strbuf_setlength(&sb, SIZE_MAX), -1);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufChomp, RemovesTrailingWhiteSpace) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "line \r\n"), 0);
+    strbuf_chomp(&sb);
+    EXPECT_STREQ(sb.text, "line");
+    EXPECT_EQ(sb.length, 4U);
+}
+
+TEST(StrbufChomp, WhiteSpaceOnlyLeavesAnEmptyText) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, " \t\n\v\f\r"), 0);
+    strbuf_chomp(&sb);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_STREQ(sb.text, "");
+    // Every removed byte was overwritten with a NUL.
+    EXPECT_EQ(std::string(sb.text, 6), std::string(6, '\0'));
+}
+
+TEST(StrbufChomp, ZeroRecordIsLeftAlone) {
+    strbuf sb{};
+    strbuf_chomp(&sb);
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.length, 0U);
+}
+
+TEST(StrbufChomp, StopsAtTheFirstNonSpaceFromTheEnd) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, " a b \n"), 0);
+    strbuf_chomp(&sb);
+    EXPECT_STREQ(sb.text, " a b");
+}
+
+TEST(StrbufTruncAt, CutsAtTheFirstOfTheCharacters) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "key=1 # note"), 0);
+    char *cut = strbuf_trunc_at(&sb, "#;");
+    ASSERT_NE(cut, nullptr);
+    EXPECT_EQ(cut, sb.text + 6);
+    EXPECT_EQ(*cut, '\0');
+    EXPECT_STREQ(sb.text, "key=1 ");
+    EXPECT_EQ(sb.length, 6U);
+}
+
+TEST(StrbufTruncAt, NoMatchReturnsNullAndChangesNothing) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "key=1"), 0);
+    const snapshot before(sb);
+    EXPECT_EQ(strbuf_trunc_at(&sb, "#;"), nullptr);
+    expect_unchanged(sb, before);
+}
+
+TEST(StrbufWrite, WritesExactlyLengthBytesInOneCall) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_nappend(&sb, "a\0bc", 4), 0);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    EXPECT_EQ(strbuf_write(&sb, fds[1]), 4);
+    char got[8] = {};
+    EXPECT_EQ(read(fds[0], got, sizeof got), 4);
+    EXPECT_EQ(std::string(got, 4), std::string("a\0bc", 4));
+    close(fds[0]);
+    close(fds[1]);
+}
+
+TEST(StrbufWrite, ReturnsTheWriteErrorAsItIs) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "x"), 0);
+    errno = 0;
+    EXPECT_EQ(strbuf_write(&sb, -1), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(StrbufLen, ReturnsTheLengthField) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_nappend(&sb, "abc\0", 4), 0);
+    EXPECT_EQ(strbuf_len(&sb), 4U);
+}
+
+TEST(StrbufFree, ReleasesAndClearsTheRecordForReuse) {
+    strbuf sb{};
+    ASSERT_EQ(strbuf_append(&sb, "text"), 0);
+    strbuf_free(&sb);
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.size, 0U);
+    ASSERT_EQ(strbuf_append(&sb, "again"), 0);
+    EXPECT_STREQ(sb.text, "again");
+    strbuf_free(&sb);
+}
+
+TEST(StrbufFree, RecordWithSizeZeroIsNotFreedButCleared) {
+    char borrowed[] = "not owned";
+    strbuf sb{borrowed, 9, 0};
+    strbuf_free(&sb); // freeing a stack array would crash or be reported
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.size, 0U);
+    EXPECT_STREQ(borrowed, "not owned");
+}
+
+TEST(StrbufWipefree, ZeroesExactlyLengthBytesBeforeFreeing) {
+    strbuf sb{};
+    ASSERT_EQ(strbuf_append(&sb, "secretXYZ"), 0);
+    ASSERT_EQ(strbuf_setlength(&sb, 6), 0); // "secret", NUL, then "YZ" beyond
+    qx_test::watch_free(sb.text, 10);
+    strbuf_wipefree(&sb);
+    ASSERT_TRUE(qx_test::watched_block_was_freed());
+    const std::string seen(reinterpret_cast<const char *>(qx_test::watched_block_contents()), 10);
+    EXPECT_EQ(seen, std::string("\0\0\0\0\0\0\0YZ\0", 10));
+    EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.size, 0U);
+}
+
+TEST(StrbufWipefree, ZeroesEvenWhenTheTextIsNotOwned) {
+    char borrowed[] = "pin1234";
+    strbuf sb{borrowed, 3, 0};
+    strbuf_wipefree(&sb);
+    EXPECT_EQ(std::string(borrowed, 7), std::string("\0\0\0"
+                                                    "1234",
+                                                    7));
+    EXPECT_EQ(sb.text, nullptr);
+}
+
+TEST(QxString, NewGivesAZeroFilledHeapRecord) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    EXPECT_EQ(sb->text, nullptr);
+    EXPECT_EQ(sb->length, 0U);
+    EXPECT_EQ(sb->size, 0U);
+    qx_string_delete(sb);
+}
+
+TEST(QxString, NewReturnsNullWhenMemoryIsExhausted) {
+    strbuf *sb = qx_test::call_with_failing_allocation(0, [] { return qx_string_new(); });
+    EXPECT_EQ(sb, nullptr);
+}
+
+TEST(QxString, DeleteAcceptsNull) {
+    qx_string_delete(nullptr);
+}
+
+TEST(QxString, DeleteFreesTheTextEvenWhenSizeIsZero) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    sb->text = strdup("heap text"); // size stays 0
+    sb->length = 9;
+    qx_test::watch_free(sb->text, 0);
+    qx_string_delete(sb);
+    EXPECT_TRUE(qx_test::watched_block_was_freed());
+}
+
+TEST(QxString, EmptinessLooksAtTheFirstByteNotTheLength) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    EXPECT_EQ(qx_string_is_empty(sb), 1);
+    EXPECT_EQ(qx_string_has_value(sb), 0);
+    ASSERT_EQ(strbuf_nappend(sb, "\0x", 2), 0);
+    EXPECT_EQ(qx_string_is_empty(sb), 1);
+    EXPECT_EQ(qx_string_has_value(sb), 0);
+    ASSERT_EQ(strbuf_put(sb, "v"), 0);
+    EXPECT_EQ(qx_string_is_empty(sb), 0);
+    EXPECT_EQ(qx_string_has_value(sb), 1);
+    qx_string_delete(sb);
+}
+
+TEST(QxString, IsEqualComparesTheText) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    ASSERT_EQ(strbuf_append(sb, "abc"), 0);
+    EXPECT_EQ(qx_string_is_equal(sb, "abc"), 1);
+    EXPECT_EQ(qx_string_is_equal(sb, "abd"), 0);
+    EXPECT_EQ(qx_string_is_equal(sb, "ab"), 0);
+    qx_string_delete(sb);
+}
+
+TEST(QxString, ClearOnANeverGrownRecordAllocates) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    ASSERT_EQ(qx_string_clear(sb), 0);
+    EXPECT_EQ(sb->size, 1023U);
+    EXPECT_EQ(sb->length, 0U);
+    EXPECT_STREQ(sb->text, "");
+    ASSERT_EQ(strbuf_append(sb, "abc"), 0);
+    ASSERT_EQ(qx_string_clear(sb), 0);
+    EXPECT_STREQ(sb->text, "");
+    EXPECT_EQ(sb->length, 0U);
+    qx_string_delete(sb);
+}
+
+TEST(QxString, MixesFreelyWithTheStrbufFunctions) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    ASSERT_EQ(strbuf_append(sb, "b"), 0);
+    ASSERT_EQ(strbuf_prepend(sb, "a"), 0);
+    EXPECT_EQ(qx_string_is_equal(sb, "ab"), 1);
+    EXPECT_EQ(strbuf_len(sb), 2U);
+    qx_string_delete(sb);
+}
+
+} // namespace
