@@ -1,8 +1,29 @@
-/* The JSON step processor through the C header. */
+/* The JSON step processor and the lookup helpers through the C headers. */
 #include <stdlib.h>
 #include <string.h>
 
 #include <qxcommon-util/jproc.h>
+#include <qxcommon-util/json_lookup.h>
+
+static int check_lookup(void) {
+    static const char text[] =
+        "{\"db\": {\"user\": \"app\", \"port\": \"5432\"}, \"user\": \"root\"}";
+    json_value *root = json_parse(text, sizeof text - 1);
+    const char *user;
+    int port = 0;
+    int failed = 0;
+
+    if (root == NULL)
+        return 1;
+    user = json_get_string_by_name_ex(root, "db", "user", (char *)NULL);
+    failed |= user == NULL || strcmp(user, "app") != 0;
+    failed |= json_get_value_by_name_ex(root, (char *)NULL) != root;
+    failed |= json_get_int_by_name(root, "port", &port) != 0 || port != 5432;
+    failed |= json_get_value_by_name(root, "absent") != NULL;
+    failed |= json_get_string_by_name(root, "db") != NULL;
+    json_value_free(root);
+    return failed;
+}
 
 int check_json(void) {
     static const char document[] = "{\"host\": \"gw\", \"ports\": [22, 4294967297]}";
@@ -25,5 +46,5 @@ int check_json(void) {
     failed |= none != NULL || count != 0;
     failed |= jproc_step(state) != 0;
     jproc_free(state);
-    return failed;
+    return failed | check_lookup();
 }
