@@ -595,6 +595,25 @@ TEST(JprocOpen, UnparsableTextLeavesNoDocument) {
     EXPECT_EQ(all_steps(state.get()), (steps{"-"}));
 }
 
+TEST(JprocOpen, OnlyAFailedMappingPrintsAnything) {
+    testing::internal::CaptureStderr();
+    jproc_ptr broken = prepare("{'a' ?}");
+    jproc_ptr state = prepare("[?]");
+    const int bad_mem = state != nullptr ? jproc_open_mem(state.get(), "[", -1) : 0;
+    const int bad_json = state != nullptr ? jproc_open_json(state.get(), nullptr) : 0;
+    const int good_mem = state != nullptr ? jproc_open_mem(state.get(), "[1]", -1) : -1;
+    const int first = state != nullptr ? jproc_step(state.get()) : 0;
+    const int last = state != nullptr ? jproc_step(state.get()) : 1;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(broken, nullptr);
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(bad_mem, -1);
+    EXPECT_EQ(bad_json, -1);
+    EXPECT_EQ(good_mem, 0);
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(last, 0);
+}
+
 TEST(JprocOpen, UnparsableTextAfterABorrowedTreeLeavesTheTreeAlone) {
     json_value *tree = json_parse("[1]", 3);
     ASSERT_NE(tree, nullptr);
