@@ -23,6 +23,7 @@ struct demo {
 int main(int argc, char **argv) {
     static const struct demo demos[] = {
         {"strings, templates and error texts", demo_strings},
+        {"JSON walked by a pattern", demo_json},
     };
     int failures = 0;
     size_t i;
