@@ -1,0 +1,29 @@
+/* The Base32, Base64 and hex codecs, called from C. */
+#include <string.h>
+
+#include <qxcommon-util/codec.h>
+#include <qxcommon-util/strbuf.h>
+
+int check_codec(void) {
+    static const unsigned char bytes[] = {'f', 'o', 'o'};
+    char text[16];
+    unsigned char decoded[16];
+    unsigned int value = 0;
+    strbuf sb = {0};
+    int failed = 0;
+
+    failed |= base64_encode(bytes, 3, NULL, 0) != 4;
+    failed |= base64_encode(bytes, 3, text, (int)sizeof text) != 4 || memcmp(text, "Zm9v", 4) != 0;
+    failed |= base64_decode("Zm9v", decoded, (int)sizeof decoded) != 3;
+    failed |= base32_encode(bytes, 3, text, (int)sizeof text) != 5 || strcmp(text, "MZXW6") != 0;
+    failed |= base32_decode("mzxw6===", decoded, (int)sizeof decoded) != 3;
+    failed |= memcmp(decoded, "foo", 4) != 0;
+    failed |=
+        hex_decode("666f6F", decoded, sizeof decoded) != 3 || strcmp((char *)decoded, "foo") != 0;
+    failed |= hex4_decode("20AC", &value) != 0 || value != 0x20ACu;
+
+    failed |= strbuf_append_b32(&sb, "foo", 1) != 0 || strcmp(sb.text, "MZXW6===") != 0;
+    failed |= strbuf_append_b64(&sb, "foo", 0) != 0 || strcmp(sb.text, "MZXW6===Zm9v") != 0;
+    strbuf_free(&sb);
+    return failed;
+}
