@@ -1,7 +1,9 @@
-/* The Base32, Base64 and hex codecs, called from C. */
+/* The Base32, Base64 and hex codecs and the escaping functions, called
+ * from C. */
 #include <string.h>
 
 #include <qxcommon-util/codec.h>
+#include <qxcommon-util/escape.h>
 #include <qxcommon-util/strbuf.h>
 
 int check_codec(void) {
@@ -25,5 +27,19 @@ int check_codec(void) {
     failed |= strbuf_append_b32(&sb, "foo", 1) != 0 || strcmp(sb.text, "MZXW6===") != 0;
     failed |= strbuf_append_b64(&sb, "foo", 0) != 0 || strcmp(sb.text, "MZXW6===Zm9v") != 0;
     strbuf_free(&sb);
+
+    failed |= strbuf_append(&sb, "a b/c") != 0 || strbuf_urlencode(&sb) != 0;
+    failed |= strcmp(sb.text, "a%20b%2fc") != 0 || strbuf_urldecode(&sb) != 0;
+    failed |= strcmp(sb.text, "a b/c") != 0 || strbuf_translate(&sb, " ", "_") != 0;
+    failed |= strbuf_quote(&sb, NULL) != 0 || strcmp(sb.text, "a_b\\u002fc") != 0;
+    failed |= strbuf_append_xmlencoded(&sb, "<\xC3\xA9>") != 0;
+    failed |= strcmp(sb.text, "a_b\\u002fc&lt;&#xE9;&gt;") != 0;
+    failed |= strbuf_put(&sb, "x\\u00e9\"y") != 0 || strbuf_unescape(&sb) != 0;
+    failed |= strcmp(sb.text, "x\xC3\xA9") != 0 || strbuf_len(&sb) != 3;
+    strbuf_free(&sb);
+    {
+        const char *p = "\xE2\x82\xAC";
+        failed |= utf8toint(&p) != 0x20ACu || *p != '\0';
+    }
     return failed;
 }
