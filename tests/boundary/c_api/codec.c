@@ -1,9 +1,10 @@
-/* The Base32, Base64 and hex codecs and the escaping functions, called
- * from C. */
+/* The Base32, Base64 and hex codecs, the escaping functions and modified
+ * UTF-7, called from C. */
 #include <string.h>
 
 #include <qxcommon-util/codec.h>
 #include <qxcommon-util/escape.h>
+#include <qxcommon-util/mutf7.h>
 #include <qxcommon-util/strbuf.h>
 
 int check_codec(void) {
@@ -37,6 +38,12 @@ int check_codec(void) {
     failed |= strbuf_put(&sb, "x\\u00e9\"y") != 0 || strbuf_unescape(&sb) != 0;
     failed |= strcmp(sb.text, "x\xC3\xA9") != 0 || strbuf_len(&sb) != 3;
     strbuf_free(&sb);
+    {
+        static const uint16_t mailbox[] = {'T', 0x00E4, 'g', '&', 0};
+        utf16_to_mutf7_enc(&sb, mailbox);
+        failed |= sb.text == NULL || strcmp(sb.text, "T&AOQ-g&-") != 0;
+        strbuf_free(&sb);
+    }
     {
         const char *p = "\xE2\x82\xAC";
         failed |= utf8toint(&p) != 0x20ACu || *p != '\0';
