@@ -466,6 +466,18 @@ TEST(HexDecode, StopsAfterOutsizeLessOneBytes) {
     EXPECT_EQ(std::string(out.begin(), out.end()), "AB\0"s);
 }
 
+TEST(HexDecode, FillsAnOutputOfExactlyTheNeededSize) {
+    // Three bytes and the NUL need four places; with three, the last byte
+    // is left out.
+    const auto in = c_string("414243");
+    std::vector<unsigned char> exact(4, 'x');
+    EXPECT_EQ(hex_decode(in.data(), exact.data(), 4), 3);
+    EXPECT_EQ(std::string(exact.begin(), exact.end()), "ABC\0"s);
+    std::vector<unsigned char> short_by_one(3, 'x');
+    EXPECT_EQ(hex_decode(in.data(), short_by_one.data(), 3), 2);
+    EXPECT_EQ(std::string(short_by_one.begin(), short_by_one.end()), "AB\0"s);
+}
+
 TEST(HexDecode, StopsAtTheFirstInvalidPair) {
     unsigned char out[8];
     std::memset(out, 'x', sizeof out);
