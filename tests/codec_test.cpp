@@ -44,7 +44,7 @@ struct rfc_vector {
     const char *base64;
 };
 
-// The test vectors of RFC 4648, section 10.
+// The test vectors that RFC 4648 gives for both encodings.
 const rfc_vector rfc_vectors[] = {
     {"", "", ""},
     {"f", "MY======", "Zg=="},
