@@ -24,6 +24,7 @@ int main(int argc, char **argv) {
     static const struct demo demos[] = {
         {"strings, templates and error texts", demo_strings},
         {"JSON walked by a pattern", demo_json},
+        {"codecs and escaping", demo_codecs},
     };
     int failures = 0;
     size_t i;

@@ -1,0 +1,62 @@
+/* Escaping and unescaping the text of a strbuf: URL percent-encoding, XML
+ * character references, backslash quoting, tr-style translation, and the
+ * body of a JSON-style string. Also the UTF-8 decoder they use.
+ *
+ * The functions return 0 on success and -1 on failure unless said
+ * otherwise. */
+#ifndef QXCOMMON_UTIL_ESCAPE_H
+#define QXCOMMON_UTIL_ESCAPE_H
+
+#include <qxcommon-util/export.h>
+#include <qxcommon-util/strbuf.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Percent-encodes the text (up to its first NUL) in place: all but letters,
+ * digits and "-._~" become "%" and two lower-case hex digits. On memory
+ * failure the text is emptied (a NUL at text[0], length left as it was). */
+QX_API int strbuf_urlencode(strbuf *sb);
+
+/* Decodes "%XX" (either case) and "+" (a blank) in place; the result may
+ * hold NUL bytes, which length counts. A "%" without two hex digits gives
+ * -1 and leaves the buffer unchanged. */
+QX_API int strbuf_urldecode(strbuf *sb);
+
+/* Appends s escaped for XML: "&amp;", "&lt;", "&gt;", "&#13;" for a
+ * carriage return, "&#x...;" for a UTF-8 sequence; tab and line feed stay,
+ * other control bytes are dropped. A byte that does not start a valid
+ * sequence gives "&#<byte>;", and the byte where decoding stopped is
+ * skipped with it. -1 when an append fails, or for a NULL s. */
+QX_API int strbuf_append_xmlencoded(strbuf *sb, const char *s);
+
+/* Replaces the text by its quoted form. With special, each byte found in it
+ * gets a backslash in front; with NULL, bytes below 32, double quote, "/",
+ * backslash and DEL become "\u00xx". -1 on memory, buffer unchanged. */
+QX_API int strbuf_quote(strbuf *sb, const char *special);
+
+/* Replaces each byte found in from by the byte at the same place in to (the
+ * last byte of to when to is shorter), or deletes it when to is NULL or
+ * empty. -1 for a NULL from. When every byte is deleted, length becomes 0
+ * and the old bytes stay without a NUL at text[0]. */
+QX_API int strbuf_translate(strbuf *sb, const char *from, const char *to);
+
+/* Resolves the backslash escapes of a JSON-style string body in place, up to
+ * the first unescaped double quote, which ends the text. "\uXXXX" (and
+ * surrogate pairs) become UTF-8; an invalid one is left as its four
+ * characters without the backslash and "u". A backslash at the very end of
+ * the text is dropped. Always returns 0. */
+QX_API int strbuf_unescape(strbuf *sb);
+
+/* Decodes one UTF-8 sequence at *p and returns its code point, advancing *p
+ * after it. On failure returns 0: *p is left on a stray continuation byte,
+ * or on the first byte that should have continued the sequence. Overlong
+ * forms, surrogates and values above 0x10FFFF are not rejected. */
+QX_API unsigned int utf8toint(const char **p);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
