@@ -6,5 +6,6 @@
 const char *demo_sample(const char *name);
 
 int demo_strings(void);
+int demo_ini(void);
 
 #endif

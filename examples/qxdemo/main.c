@@ -25,6 +25,7 @@ int main(int argc, char **argv)
 {
     static const struct demo demos[] = {
         {"strings, templates and error texts", demo_strings},
+        {"INI settings", demo_ini},
     };
     int failures = 0;
     size_t i;

@@ -80,6 +80,26 @@ QX_API int ini_browse(ini_browse_callback callback, void *user_data, const char 
 QX_API int ini_browse_with_section_cb(ini_browse_callback callback, void *user_data,
                                       const char *filename);
 
+/* Sets, replaces or deletes one key, or deletes a whole section, keeping
+ * every other byte of the file:
+ * - key and value given: replaces the first matching key line of the section
+ *   with "key=value" (value quoted when it contains '"', ';' or '#' or ends
+ *   with a space), or adds it at the end of the section, creating the section
+ *   (or the file) when needed. Nothing is written when the key already has
+ *   this value.
+ * - value NULL: deletes the key line. key NULL: deletes the section's header
+ *   and every line up to the next line starting with "[". Deleting the
+ *   unnamed section (section NULL or "") also removes the file's first line.
+ * The file is rewritten through a temporary file named like it with the last
+ * byte replaced by "~" and then renamed; it does not keep the old file's
+ * permissions. Returns 0 only when the file or the temporary file cannot be
+ * created, 1 otherwise (also when nothing changed). filename must not be NULL. */
+QX_API int ini_puts(const char *section, const char *key, const char *value, const char *filename);
+/* ini_puts of value in decimal. */
+QX_API int ini_putl(const char *section, const char *key, long value, const char *filename);
+/* ini_puts of value written with "%f" (six decimals). */
+QX_API int ini_putf(const char *section, const char *key, float value, const char *filename);
+
 #ifdef __cplusplus
 }
 #endif

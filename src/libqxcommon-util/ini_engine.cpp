@@ -1,10 +1,14 @@
-// The INI engine: line syntax, lookups, enumeration and browsing.
+// The INI engine: line syntax, lookups, enumeration, browsing and the
+// in-place writer.
 //
 // Every call opens the file, scans it from the first line and closes it
 // before returning; there is no parsed tree and nothing survives a call. All
 // working storage is on the stack: one 512-byte line buffer per call, and the
-// buffer of the call's stream (given to stdio with setvbuf, so that stdio
-// allocates nothing but the FILE record fopen itself needs).
+// buffers of the call's streams (given to stdio with setvbuf, so that stdio
+// allocates nothing but the FILE records fopen itself needs). The writer
+// keeps no lines in memory at all: it remembers where the not yet written
+// lines start in the source (the mark) and how many bytes they hold (the
+// pending count), and reads them a second time when they are written.
 // The assertions are part of the engine's behaviour: keep them in every build.
 #undef NDEBUG
 #include "qxcommon-util/ini.h"
@@ -38,6 +42,8 @@ namespace {
 
 // The room stdio gets for each stream, on the caller's stack.
 constexpr std::size_t stream_buffer_size = 4096;
+// The pending bytes of the writer must fit the line buffer with its zero.
+constexpr int max_pending = ini_buffer_size - 1;
 
 // Bytes 1..32 and, taken as signed, every byte from 0x80 on are blanks:
 // non-ASCII bytes at the edges of keys and values are trimmed like spaces.
@@ -110,6 +116,32 @@ FILE *open_stream(const char *name, const char *mode, char (&buffer)[stream_buff
     if (fp != nullptr)
         std::setvbuf(fp, buffer, _IOFBF, sizeof buffer);
     return fp;
+}
+
+// Reads like fgets (at most size - 1 bytes, up to and including a line feed)
+// but returns the number of bytes taken, 0 at the end of the file. The writer
+// counts what it reads this way, so that a NUL byte in a line neither loses
+// the rest of the line nor upsets the accounting of pending bytes.
+int read_line(char *buffer, int size, FILE *fp) noexcept {
+    int count = 0;
+    while (count < size - 1) {
+        const int c = getc_unlocked(fp);
+        if (c == EOF)
+            break;
+        buffer[count++] = static_cast<char>(c);
+        if (c == '\n')
+            break;
+    }
+    buffer[count] = '\0';
+    return count;
+}
+
+// A value that would not read back as written gets quotes: one holding a
+// double quote, ";" or "#", or ending with a space. Leading blanks and
+// trailing tabs are not protected and get lost on reading (deliberate).
+bool check_enquote(const char *Value) noexcept {
+    const std::size_t length = std::strlen(Value);
+    return std::strpbrk(Value, "\";#") != nullptr || (length > 0 && Value[length - 1] == ' ');
 }
 
 } // namespace
@@ -229,6 +261,197 @@ bool getkeystring(FILE *fp, const char *Section, const char *Key, int idxSection
     save_strncpy(Buffer, value, static_cast<std::size_t>(BufferSize), quotes);
     return true;
 }
+
+// Seeks rfp back to *mark, reads the *size pending bytes again into buffer
+// (each read limited to the room that is left) and writes them to wfp; then
+// *mark stands behind them and nothing is pending. Reports whether the bytes
+// written end with a line feed (0 when nothing was pending).
+int cache_flush(char *buffer, int *size, FILE *rfp, FILE *wfp, fpos_t *mark) noexcept {
+    int pos = 0;
+    std::fsetpos(rfp, mark);
+    while (pos < *size) {
+        const int count = read_line(buffer + pos, ini_buffer_size - pos, rfp);
+        if (count == 0)
+            break; // the file became shorter since it was read
+        pos += count;
+        // More bytes than were counted: the file changed under the writer.
+        INI_ASSERT(pos <= *size);
+    }
+    if (pos > 0)
+        std::fwrite(buffer, 1, static_cast<std::size_t>(pos), wfp);
+    std::fgetpos(rfp, mark);
+    *size = 0;
+    return pos > 0 && buffer[pos - 1] == '\n';
+}
+
+void write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuffer) noexcept {
+    INI_ASSERT(Value != NULL);
+    save_strncpy(LocalBuffer, Key, ini_buffer_size - 3, quote_mode::plain);
+    std::size_t length = std::strlen(LocalBuffer);
+    LocalBuffer[length++] = '=';
+    save_strncpy(LocalBuffer + length, Value, ini_buffer_size - 2 - length,
+                 check_enquote(Value) ? quote_mode::enquote : quote_mode::plain);
+    length += std::strlen(LocalBuffer + length);
+    LocalBuffer[length++] = '\n';
+    LocalBuffer[length] = '\0';
+    std::fputs(LocalBuffer, fp);
+}
+
+namespace {
+
+void write_section_line(FILE *fp, const char *Section, char *LocalBuffer) noexcept {
+    if (Section == nullptr || *Section == '\0')
+        return;
+    LocalBuffer[0] = '[';
+    save_strncpy(LocalBuffer + 1, Section, ini_buffer_size - 4, quote_mode::plain);
+    std::size_t length = std::strlen(LocalBuffer);
+    LocalBuffer[length++] = ']';
+    LocalBuffer[length++] = '\n';
+    LocalBuffer[length] = '\0';
+    std::fputs(LocalBuffer, fp);
+}
+
+// The file's name with its last byte replaced by "~": "app.ini" -> "app.in~".
+void make_temp_name(char *LocalBuffer, const char *Filename) noexcept {
+    save_strncpy(LocalBuffer, Filename, ini_buffer_size, quote_mode::plain);
+    const std::size_t length = std::strlen(LocalBuffer);
+    if (length > 0)
+        LocalBuffer[length - 1] = '~';
+}
+
+// One rewrite of the source into the temporary file. Invariant: the bytes
+// between the mark and the start of the line just read are the pending ones.
+class rewrite {
+  public:
+    rewrite(FILE *rfp, FILE *wfp, char *buffer) noexcept : rfp_(rfp), wfp_(wfp), buffer_(buffer) {
+        std::fgetpos(rfp_, &mark_);
+    }
+
+    char *line() const noexcept { return buffer_; }
+    FILE *output() const noexcept { return wfp_; }
+
+    bool next_line() noexcept {
+        line_length_ = read_line(buffer_, ini_buffer_size, rfp_);
+        return line_length_ > 0;
+    }
+
+    int flush() noexcept { return cache_flush(buffer_, &pending_, rfp_, wfp_, &mark_); }
+
+    // Keeps the line just read: it joins the pending bytes, which are written
+    // first when they would no longer fit the line buffer.
+    void keep_line() noexcept {
+        if (pending_ + line_length_ > max_pending) {
+            flush();
+            next_line(); // the flush used the buffer
+        }
+        pending_ += line_length_;
+    }
+
+    // Drops the line just read; nothing may be pending.
+    void drop_line() noexcept { std::fgetpos(rfp_, &mark_); }
+
+    // Drops the line that starts at the mark (after a flush).
+    void drop_line_at_mark() noexcept {
+        next_line();
+        drop_line();
+    }
+
+  private:
+    FILE *rfp_;
+    FILE *wfp_;
+    char *buffer_;
+    fpos_t mark_{};
+    int pending_ = 0;
+    int line_length_ = 0;
+};
+
+// Copies the source behind the section (step by step: find the section,
+// then the key in it, then the rest) with the one change asked for.
+void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char *Value) noexcept {
+    const bool setting = Key != nullptr && Value != nullptr;
+    const std::size_t section_length = Section != nullptr ? std::strlen(Section) : 0;
+    const std::size_t key_length = Key != nullptr ? std::strlen(Key) : 0;
+
+    if (section_length > 0) {
+        for (;;) {
+            if (!rw.next_line()) {
+                // No such section: append it, on a line of its own.
+                const int ended_with_line_feed = rw.flush();
+                if (setting) {
+                    if (!ended_with_line_feed)
+                        std::fputs("\n", rw.output());
+                    write_section_line(rw.output(), Section, rw.line());
+                    write_key_line(rw.output(), Key, Value, rw.line());
+                }
+                return;
+            }
+            char *sp = skipleading(rw.line());
+            const char *ep = std::strchr(sp, ']');
+            if (*sp == '[' && ep != nullptr &&
+                names_match(sp + 1, static_cast<std::size_t>(ep - sp - 1), Section,
+                            section_length)) {
+                if (Key != nullptr) {
+                    rw.keep_line();
+                } else {
+                    rw.flush();
+                    rw.drop_line_at_mark(); // the header of the deleted section
+                }
+                break;
+            }
+            rw.keep_line();
+        }
+    }
+
+    rw.flush();
+    // Deliberate: deleting the unnamed part drops the file's first line
+    // whatever it is, a header included.
+    if (section_length == 0 && Key == nullptr)
+        rw.drop_line_at_mark();
+
+    for (;;) {
+        if (!rw.next_line()) {
+            const int ended_with_line_feed = rw.flush();
+            if (setting) {
+                if (!ended_with_line_feed)
+                    std::fputs("\n", rw.output());
+                write_key_line(rw.output(), Key, Value, rw.line());
+            }
+            return;
+        }
+        char *sp = skipleading(rw.line());
+        const bool starts_header = *sp == '[';
+        char *ep = find_separator(sp);
+        // Deliberate: deleting a section (no key) matches a line that starts
+        // with its separator, and keeps the lines after it.
+        if (ep != nullptr &&
+            names_match(sp, static_cast<std::size_t>(skiptrailing(ep, sp) - sp), Key, key_length)) {
+            rw.flush();
+            if (setting)
+                write_key_line(rw.output(), Key, Value, rw.line());
+            if (!starts_header)
+                rw.drop_line_at_mark();
+            break; // a kept line is copied with the rest
+        }
+        if (starts_header) {
+            // The section ends: a new key goes behind its last line. The
+            // header is copied with the rest.
+            rw.flush();
+            if (setting)
+                write_key_line(rw.output(), Key, Value, rw.line());
+            break;
+        }
+        if (Key == nullptr)
+            rw.drop_line(); // comments and blank lines of the section too
+        else
+            rw.keep_line();
+    }
+
+    while (rw.next_line())
+        rw.keep_line();
+    rw.flush();
+}
+
+} // namespace
 
 } // namespace qx::detail
 
@@ -369,6 +592,81 @@ QX_API int ini_browse(ini_browse_callback callback, void *user_data, const char 
 QX_API int ini_browse_with_section_cb(ini_browse_callback callback, void *user_data,
                                       const char *filename) {
     return ini_browse_int(callback, user_data, filename, 1);
+}
+
+QX_API int ini_puts(const char *section, const char *key, const char *value, const char *Filename) {
+    INI_ASSERT(Filename != NULL);
+    char LocalBuffer[ini_buffer_size];
+    char read_buffer[stream_buffer_size];
+    char write_buffer[stream_buffer_size];
+
+    FILE *rfp = open_stream(Filename, "r", read_buffer);
+    if (rfp == nullptr) {
+        if (key == nullptr || value == nullptr)
+            return 1; // nothing to delete
+        FILE *wfp = open_stream(Filename, "w", write_buffer);
+        if (wfp == nullptr)
+            return 0;
+        write_section_line(wfp, section, LocalBuffer);
+        write_key_line(wfp, key, value, LocalBuffer);
+        std::fclose(wfp);
+        return 1;
+    }
+
+    if (key != nullptr && value != nullptr) {
+        // The same value as read back: leave the file untouched.
+        if (getkeystring(rfp, section, key, -1, -1, LocalBuffer, sizeof LocalBuffer) &&
+            std::strcmp(LocalBuffer, value) == 0) {
+            std::fclose(rfp);
+            return 1;
+        }
+        std::rewind(rfp);
+    }
+
+    make_temp_name(LocalBuffer, Filename);
+    FILE *wfp = open_stream(LocalBuffer, "w", write_buffer);
+    if (wfp == nullptr) {
+        std::fclose(rfp);
+        return 0;
+    }
+    rewrite rw(rfp, wfp, LocalBuffer);
+    rewrite_file(rw, section, key, value);
+    std::fclose(rfp);
+    std::fclose(wfp);
+
+    // Not examined: a failed remove or rename still reports success.
+    std::remove(Filename);
+    make_temp_name(LocalBuffer, Filename);
+    std::rename(LocalBuffer, Filename);
+    return 1;
+}
+
+QX_API int ini_putl(const char *section, const char *key, long value, const char *filename) {
+    char text[32];
+    int length = 0;
+    long rest = value;
+    // Digits from the least significant end; a negative remainder is turned
+    // into its digit by subtracting it from '0', so LONG_MIN needs no negation.
+    do {
+        const long digit = rest % 10;
+        text[length++] = static_cast<char>(digit < 0 ? '0' - digit : '0' + digit);
+        rest /= 10;
+    } while (rest != 0);
+    if (value < 0)
+        text[length++] = '-';
+    text[length] = '\0';
+    for (int i = 0, j = length - 1; i < j; ++i, --j) {
+        const char c = text[i];
+        text[i] = text[j];
+        text[j] = c;
+    }
+    return ini_puts(section, key, text, filename);
+}
+
+QX_API int ini_putf(const char *section, const char *key, float value, const char *filename) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%f", static_cast<double>(value));
+    return ini_puts(section, key, text, filename);
 }
 
 } // extern "C"

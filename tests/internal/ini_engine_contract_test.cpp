@@ -12,9 +12,11 @@
 
 namespace {
 
+using qx::detail::cache_flush;
 using qx::detail::getkeystring;
 using qx::detail::quote_mode;
 using qx::detail::save_strncpy;
+using qx::detail::write_key_line;
 
 // The C library's assertion report for a check of the engine.
 std::string assertion(const std::string &function, const std::string &expression_pattern) {
@@ -159,6 +161,50 @@ TEST(Getkeystring, FindsValuesKeysAndSectionsWithTheSeamUnset) {
     EXPECT_TRUE(getkeystring(fp, "s", nullptr, -1, 0, buffer, sizeof buffer));
     EXPECT_STREQ(buffer, "k");
     std::fclose(fp);
+}
+
+TEST(CacheFlush, WritesThePendingBytesAndReportsTheFinalLineFeed) {
+    FILE *source = stream_of("one\ntwo\nthree");
+    FILE *target = std::tmpfile();
+    char buffer[qx::detail::ini_buffer_size];
+    fpos_t mark;
+    std::fgetpos(source, &mark);
+    int pending = 8;
+    EXPECT_EQ(cache_flush(buffer, &pending, source, target, &mark), 1);
+    EXPECT_EQ(pending, 0);
+    pending = 5;
+    EXPECT_EQ(cache_flush(buffer, &pending, source, target, &mark), 0);
+    EXPECT_EQ(cache_flush(buffer, &pending, source, target, &mark), 0); // nothing pending
+    std::rewind(target);
+    char written[32] = {};
+    EXPECT_EQ(std::fread(written, 1, sizeof written, target), 13u);
+    EXPECT_STREQ(written, "one\ntwo\nthree");
+    std::fclose(source);
+    std::fclose(target);
+}
+
+TEST(CacheFlushDeathTest, ReadingMoreThanThePendingCountEndsTheProcess) {
+    EXPECT_DEATH(
+        {
+            FILE *source = stream_of("hello\n");
+            FILE *target = std::tmpfile();
+            char buffer[qx::detail::ini_buffer_size];
+            fpos_t mark;
+            std::fgetpos(source, &mark);
+            int pending = 3; // fewer bytes than the line holds
+            cache_flush(buffer, &pending, source, target, &mark);
+        },
+        assertion("cache_flush", "pos <= \\*size"));
+}
+
+TEST(WriteKeyLineDeathTest, MissingValueEndsTheProcess) {
+    EXPECT_DEATH(
+        {
+            FILE *target = std::tmpfile();
+            char buffer[qx::detail::ini_buffer_size];
+            write_key_line(target, "key", nullptr, buffer);
+        },
+        assertion("write_key_line", "Value != NULL"));
 }
 
 } // namespace

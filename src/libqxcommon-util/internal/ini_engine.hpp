@@ -20,6 +20,12 @@ char *save_strncpy(char *dest, const char *source, std::size_t maxlen, quote_mod
 bool getkeystring(FILE *fp, const char *Section, const char *Key, int idxSection, int idxKey,
                   char *Buffer, int BufferSize) noexcept;
 
+// Writes the *size bytes read since *mark from rfp to wfp; see ini_engine.cpp.
+int cache_flush(char *buffer, int *size, FILE *rfp, FILE *wfp, fpos_t *mark) noexcept;
+
+// Writes "key=value\n", composed in LocalBuffer (ini_buffer_size bytes).
+void write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuffer) noexcept;
+
 #ifdef QX_INI_ENGINE_TEST_SEAMS
 // Set by the white-box tests only: called with the byte an assertion is about
 // to check, so that a test can break an invariant no file can break.
