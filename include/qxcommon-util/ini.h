@@ -21,6 +21,10 @@
  * - Names compare case-insensitively; the first matching section and the
  *   first matching key in it win.
  *
+ * No function uses heap memory of its own: the only allocations are the FILE
+ * records that fopen makes for the file (and, when writing, the temporary
+ * file); everything else lives on the caller's stack (about 10 KiB).
+ *
  * The engine checks its programming contracts with assertions that end the
  * process (for instance a NULL file name for ini_puts). */
 #ifndef QXCOMMON_UTIL_INI_H

@@ -9,6 +9,7 @@
 // keeps no lines in memory at all: it remembers where the not yet written
 // lines start in the source (the mark) and how many bytes they hold (the
 // pending count), and reads them a second time when they are written.
+
 // The assertions are part of the engine's behaviour: keep them in every build.
 #undef NDEBUG
 #include "qxcommon-util/ini.h"
@@ -365,8 +366,8 @@ class rewrite {
     int line_length_ = 0;
 };
 
-// Copies the source behind the section (step by step: find the section,
-// then the key in it, then the rest) with the one change asked for.
+// Copies the source into the temporary file with the one change asked for:
+// find the section, then the key in it, then copy the rest.
 void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char *Value) noexcept {
     const bool setting = Key != nullptr && Value != nullptr;
     const std::size_t section_length = Section != nullptr ? std::strlen(Section) : 0;
