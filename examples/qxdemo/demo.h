@@ -8,5 +8,6 @@ const char *demo_sample(const char *name);
 int demo_strings(void);
 int demo_json(void);
 int demo_codecs(void);
+int demo_ini(void);
 
 #endif

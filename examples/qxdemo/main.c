@@ -25,6 +25,7 @@ int main(int argc, char **argv) {
         {"strings, templates and error texts", demo_strings},
         {"JSON walked by a pattern", demo_json},
         {"codecs and escaping", demo_codecs},
+        {"INI settings", demo_ini},
     };
     int failures = 0;
     size_t i;
