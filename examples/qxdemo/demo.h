@@ -9,5 +9,6 @@ int demo_strings(void);
 int demo_json(void);
 int demo_codecs(void);
 int demo_ini(void);
+int demo_config(void);
 
 #endif

@@ -26,6 +26,7 @@ int main(int argc, char **argv) {
         {"JSON walked by a pattern", demo_json},
         {"codecs and escaping", demo_codecs},
         {"INI settings", demo_ini},
+        {"key=value settings", demo_config},
     };
     int failures = 0;
     size_t i;

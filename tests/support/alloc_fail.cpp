@@ -1,4 +1,5 @@
 #include "support/alloc_fail.hpp"
+#include "support/heap_usage.hpp"
 
 #include <atomic>
 #include <cerrno>
@@ -38,6 +39,11 @@ std::atomic<const void *> watched_block{nullptr};
 unsigned long watched_bytes = 0;
 bool watched_freed = false;
 unsigned char watched_copy[watch_capacity];
+
+constexpr long free_log_capacity = 4096;
+std::atomic<bool> logging_frees{false};
+std::atomic<long> frees_logged{0};
+const void *freed_pointers[free_log_capacity];
 
 // Counts one allocation and tells whether it is to fail.
 bool next_allocation_fails() {
@@ -137,6 +143,28 @@ const unsigned char *watched_block_contents() {
     return watched_copy;
 }
 
+void start_logging_frees() {
+    frees_logged.store(0);
+    logging_frees.store(true);
+}
+
+void stop_logging_frees() {
+    logging_frees.store(false);
+}
+
+bool was_freed(const void *p) {
+    const long logged = frees_logged.load();
+    const long n = logged < free_log_capacity ? logged : free_log_capacity;
+    for (long i = 0; i < n; ++i)
+        if (freed_pointers[i] == p)
+            return true;
+    return false;
+}
+
+long frees_seen() {
+    return frees_logged.load();
+}
+
 } // namespace qx_test
 
 extern "C" {
@@ -166,6 +194,11 @@ void *realloc(void *p, std::size_t n) noexcept {
 }
 
 void free(void *p) noexcept {
+    if (p != nullptr && logging_frees.load(std::memory_order_relaxed)) {
+        const long slot = frees_logged.fetch_add(1);
+        if (slot < free_log_capacity)
+            freed_pointers[slot] = p;
+    }
     if (p != nullptr && p == watched_block.load()) {
         const auto *bytes = static_cast<const unsigned char *>(p);
         for (unsigned long i = 0; i < watched_bytes; ++i)
