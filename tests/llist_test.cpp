@@ -424,6 +424,69 @@ TEST(LlistFree, LetsTheFreeFunctionUnlinkTheNodeItIsGiven) {
     llist_delete(list);
 }
 
+namespace {
+
+struct seen_while_freeing {
+    int value;
+    uint32_t count;
+    bool first_is_the_node;
+    bool head_skips_the_node;
+};
+
+std::vector<seen_while_freeing> free_views;
+
+// Looks at the list from inside the free function before freeing the node.
+void inspect_and_free(llist_node *node) {
+    llist_node *first = llist_getfirst(list_being_freed);
+    free_views.push_back({as_item(node)->value, llist_nodecount(list_being_freed), first == node,
+                          list_being_freed->head_sentinel.next != node});
+    free_item(node);
+}
+
+} // namespace
+
+TEST(LlistFree, UnlinksEachNodeBeforePassingItOn) {
+    llist *list = llist_create();
+    for (int v : {1, 2, 3})
+        llist_append(list, &new_item(v)->link);
+    free_views.clear();
+    list_being_freed = list;
+    llist_free(list, inspect_and_free);
+    ASSERT_EQ(free_views.size(), 3u);
+    for (uint32_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(free_views[i].value, static_cast<int>(i + 1));
+        EXPECT_EQ(free_views[i].count, 2 - i) << "nodes still linked while freeing " << i + 1;
+        EXPECT_FALSE(free_views[i].first_is_the_node);
+        EXPECT_TRUE(free_views[i].head_skips_the_node);
+    }
+    expect_empty_record(list);
+    llist_delete(list);
+}
+
+TEST(LlistFree, KeepsTheCountRightWhenTheFreeFunctionUnlinksAgain) {
+    llist *list = llist_create();
+    for (int v : {1, 2, 3})
+        llist_append(list, &new_item(v)->link);
+    freed_values.clear();
+    list_being_freed = list;
+    llist_free(list, unlink_record_and_free);
+    EXPECT_EQ(freed_values, (std::vector<int>{1, 2, 3}));
+    EXPECT_EQ(llist_nodecount(list), 0u);
+    // The record is usable at once.
+    item *again = new_item(9);
+    llist_append(list, &again->link);
+    EXPECT_EQ(values(list), (std::vector<int>{9}));
+    EXPECT_EQ(llist_nodecount(list), 1u);
+    llist_delete_all(list, free_item);
+}
+
+TEST(LlistFree, OfAnEmptyListCallsNothing) {
+    llist *list = llist_create();
+    llist_free(list, must_not_be_called);
+    expect_empty_record(list);
+    llist_delete(list);
+}
+
 TEST(LlistFree, WithoutAFreeFunctionOnlyEmptiesTheRecord) {
     llist list;
     llist_reset(&list);

@@ -67,10 +67,10 @@ QX_API llist_node *llist_remove_at(llist *list, uint32_t index);
  * before the visitor runs, so the visitor may unlink and free its node. */
 QX_API llist_node *llist_foreach(llist *list, int (*visitor)(llist_node *node, void *arg),
                                  void *arg);
-/* Passes every node, first to last, to free_node (when not NULL) and leaves
- * the record empty. The next node is read before free_node runs, and the
- * node is still linked during the call, so free_node may unlink it with
- * llist_remove before freeing it. */
+/* Unlinks every node, first to last, and passes each to free_node (when not
+ * NULL); the record is left empty. The node is already unlinked when
+ * free_node gets it and the next one has been read, so free_node may free
+ * it; unlinking it once more with llist_remove is harmless. */
 QX_API void llist_free(llist *list, void (*free_node)(llist_node *node));
 /* llist_free (when list is not NULL), then llist_delete. */
 QX_API void llist_delete_all(llist *list, void (*free_node)(llist_node *node));

@@ -138,11 +138,15 @@ QX_API llist_node *llist_foreach(llist *list, int (*visitor)(llist_node *, void 
 QX_API void llist_free(llist *list, void (*free_node)(llist_node *)) {
     for (llist_node *node = list->head->next; node != list->tail;) {
         llist_node *next = node->next; // free_node may unlink and free node
+        llist_remove(list, node);
+        const uint32_t remaining = list->count;
         if (free_node != nullptr)
             free_node(node);
+        // A free function that unlinks its node again leaves the links as
+        // they are but takes one more off the count: put the count back.
+        list->count = remaining;
         node = next;
     }
-    llist_reset(list);
 }
 
 QX_API void llist_delete_all(llist *list, void (*free_node)(llist_node *)) {
