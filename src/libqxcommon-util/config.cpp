@@ -22,17 +22,17 @@ constexpr int line_buffer_size = 1001;
 
 constexpr uint32_t not_found = 0xFFFFFFFFu;
 
+// The node first, then its text with strdup; NULL (nothing kept) when
+// either allocation fails.
 configfile_line *new_line(const char *text) noexcept {
     auto *line = static_cast<configfile_line *>(std::malloc(sizeof(configfile_line)));
     if (line == nullptr)
         return nullptr;
-    const std::size_t length = std::strlen(text);
-    line->text = static_cast<char *>(std::malloc(length + 1));
+    line->text = strdup(text);
     if (line->text == nullptr) {
         std::free(line);
         return nullptr;
     }
-    std::memcpy(line->text, text, length + 1);
     line->next = nullptr;
     return line;
 }
