@@ -169,13 +169,10 @@ QX_API int qx_config_reader_read_config(qx_config_reader *reader, const char *pa
     const int result = qx_txt_file_reader_read_all_lines(file_reader, path);
     if (result != 0)
         return result;
-    // In file order, walking the nodes once rather than fetching by index.
-    const llist *lines = file_reader->lines->list;
-    for (llist_node *node = llist_getfirst(lines); node != nullptr;
-         node = llist_getnext(lines, node)) {
-        const auto *line = static_cast<const char *>(reinterpret_cast<qx_slist_node *>(node)->data);
-        qx::detail::add_line(reader->properties, line);
-    }
+    const uint32_t count = qx_txt_file_reader_get_count(file_reader);
+    for (uint32_t index = 0; index < count; ++index)
+        qx::detail::add_line(reader->properties,
+                             qx_txt_file_reader_get_line_at(file_reader, index));
     return 0;
 }
 

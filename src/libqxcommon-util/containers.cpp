@@ -14,28 +14,20 @@ namespace {
 
 constexpr uint32_t not_found = 0xFFFFFFFFu;
 
-qx_sentry *entry_of(llist_node *node) noexcept {
-    return static_cast<qx_sentry *>(reinterpret_cast<qx_slist_node *>(node)->data);
-}
-
-// The first pair named name, and its index; NULL when there is none. The
-// list is walked once, node by node; a NULL name matches nothing.
-const qx_sentry *find_pair(const qx_properties *properties, const char *name,
-                           uint32_t *index) noexcept {
+// Walks the indexes from 0 and fetches each name through the layers below,
+// as every other reader does; each fetch walks the list from its first
+// node, which is accepted for the small sets these objects hold. A NULL
+// name, and pairs without a name, match nothing.
+uint32_t find_index(const qx_properties *properties, const char *name) noexcept {
     if (name == nullptr)
-        return nullptr;
-    const llist *list = properties->map->list->list;
-    uint32_t position = 0;
-    for (llist_node *node = llist_getfirst(list); node != nullptr;
-         node = llist_getnext(list, node), ++position) {
-        const qx_sentry *entry = entry_of(node);
-        if (entry != nullptr && entry->key != nullptr &&
-            qx_string_utils_is_equal(name, entry->key) != 0) {
-            *index = position;
-            return entry;
-        }
+        return not_found;
+    const uint32_t count = qx_properties_get_count(properties);
+    for (uint32_t index = 0; index < count; ++index) {
+        const char *candidate = qx_properties_get_name_at(properties, index);
+        if (candidate != nullptr && qx_string_utils_is_equal(name, candidate) != 0)
+            return index;
     }
-    return nullptr;
+    return not_found;
 }
 
 } // namespace
@@ -289,15 +281,12 @@ QX_API void qx_properties_delete(qx_properties *properties) {
 }
 
 QX_API uint32_t qx_properties_find_index(const qx_properties *properties, const char *name) {
-    uint32_t index = qx::detail::not_found;
-    qx::detail::find_pair(properties, name, &index);
-    return index;
+    return qx::detail::find_index(properties, name);
 }
 
 QX_API char *qx_properties_find_value(const qx_properties *properties, const char *name) {
-    uint32_t index = qx::detail::not_found;
-    const qx_sentry *entry = qx::detail::find_pair(properties, name, &index);
-    return entry == nullptr ? nullptr : entry->value;
+    const uint32_t index = qx::detail::find_index(properties, name);
+    return index == qx::detail::not_found ? nullptr : qx_properties_get_value_at(properties, index);
 }
 
 } // extern "C"
