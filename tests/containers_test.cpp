@@ -703,3 +703,47 @@ TEST(QxProperties, AppendThatFailsWithoutOwnershipLeavesTheStringsAlone) {
 TEST(QxProperties, DeleteOfNullDoesNothing) {
     qx_properties_delete(nullptr);
 }
+
+TEST(QxContainers, OnEmptyObjectsIndexZeroAndTheLastIndexGiveNullAndRemoveNothing) {
+    qx_slist *list = qx_slist_new();
+    qx_smap *map = qx_smap_new();
+    qx_properties *p = qx_properties_new_ext(1);
+    ASSERT_NE(list, nullptr);
+    ASSERT_NE(map, nullptr);
+    ASSERT_NE(p, nullptr);
+    for (uint32_t index : {0u, kLastIndex}) {
+        qx_test::free_log frees;
+        EXPECT_EQ(qx_slist_get_at(list, index), nullptr);
+        EXPECT_EQ(qx_slist_remove_at(list, index), nullptr);
+        EXPECT_EQ(qx_smap_get_key_at(map, index), nullptr);
+        EXPECT_EQ(qx_smap_get_value_at(map, index), nullptr);
+        qx_smap_remove_at(map, index);
+        EXPECT_EQ(qx_properties_get_name_at(p, index), nullptr);
+        EXPECT_EQ(qx_properties_get_value_at(p, index), nullptr);
+        qx_properties_remove_at(p, index);
+        EXPECT_EQ(frees.count(), 0) << index;
+    }
+    EXPECT_EQ(qx_slist_get_count(list), 0u);
+    EXPECT_EQ(qx_smap_get_count(map), 0u);
+    EXPECT_EQ(qx_properties_get_count(p), 0u);
+    EXPECT_EQ(llist_nodecount(list->list), 0u);
+    qx_slist_delete(list);
+    qx_smap_delete(map);
+    qx_properties_delete(p);
+}
+
+TEST(QxContainers, EmptyingAnEmptyObjectReturnsOneAndFreesNothing) {
+    qx_slist *list = qx_slist_new();
+    qx_smap *map = qx_smap_new();
+    qx_properties *p = qx_properties_new_ext(1);
+    {
+        qx_test::free_log frees;
+        EXPECT_EQ(qx_slist_empty(list), 1);
+        EXPECT_EQ(qx_smap_empty(map), 1);
+        EXPECT_EQ(qx_properties_empty(p), 1);
+        EXPECT_EQ(frees.count(), 0);
+    }
+    qx_slist_delete(list);
+    qx_smap_delete(map);
+    qx_properties_delete(p);
+}

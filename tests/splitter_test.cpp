@@ -197,6 +197,12 @@ TEST_F(QxStringSplitter, IndexesOutOfRangeGiveNull) {
     EXPECT_EQ(qx_string_splitter_is_empty(splitter), 0);
 }
 
+TEST_F(QxStringSplitter, BeforeAnySplitIndexZeroAndTheLastIndexGiveNull) {
+    EXPECT_EQ(qx_string_splitter_get_at(splitter, 0), nullptr);
+    EXPECT_EQ(qx_string_splitter_get_at(splitter, kLastIndex), nullptr);
+    EXPECT_EQ(qx_string_splitter_is_empty(splitter), 1);
+}
+
 TEST_F(QxStringSplitter, FailsWithoutFieldsWhenTheCopyCannotBeAllocated) {
     split("old,fields", ",");
     const int r = qx_test::call_with_failing_allocation(
@@ -414,6 +420,16 @@ TEST_F(QxTxtFileReader, IndexesOutOfRangeGiveNullAndRemoveNothing) {
         qx_txt_file_reader_remove_line_at(reader, index);
         EXPECT_EQ(frees.count(), 0);
         EXPECT_EQ(lines_of(reader), (strings{"a\n", "b\n"}));
+    }
+}
+
+TEST_F(QxTxtFileReader, OnAnEmptyReaderIndexZeroAndTheLastIndexGiveNullAndRemoveNothing) {
+    for (uint32_t index : {0u, kLastIndex}) {
+        EXPECT_EQ(qx_txt_file_reader_get_line_at(reader, index), nullptr);
+        qx_test::free_log frees;
+        qx_txt_file_reader_remove_line_at(reader, index);
+        EXPECT_EQ(frees.count(), 0);
+        EXPECT_EQ(qx_txt_file_reader_get_count(reader), 0u);
     }
 }
 

@@ -121,6 +121,16 @@ TEST(QxStackPush, FailsWithoutAllocatingWhenTheNewSizeCannotBeComputed) {
     }
 }
 
+TEST(QxStackPush, OfANullItemStoresItAndReturnsNullLikeAFailure) {
+    qx_stack s{};
+    stack_guard g{&s};
+    EXPECT_EQ(qx_stack_push(&s, nullptr), nullptr);
+    EXPECT_EQ(s.count, 1u);
+    EXPECT_EQ(s.capacity, 10u);
+    EXPECT_EQ(s.items[0], nullptr);
+    EXPECT_EQ(s.items[1], nullptr);
+}
+
 TEST(QxStackPop, OnAnEmptyStackReturnsNull) {
     qx_stack s{};
     EXPECT_EQ(qx_stack_pop(&s), nullptr);

@@ -1,4 +1,5 @@
-/* The linked list and the stack through the C headers. */
+/* The linked list, the stack and the string containers through the C
+ * headers. */
 #include <stdlib.h>
 #include <string.h>
 
@@ -61,6 +62,46 @@ static int check_stack(void) {
     return failed;
 }
 
+static int check_string_utils(void) {
+    char text[] = "  a b \t\n";
+    char *copy = qx_string_utils_get_copy("x");
+    int failed = copy == NULL || strcmp(copy, "x") != 0;
+
+    free(copy);
+    qx_string_utils_trim(text);
+    failed |= strcmp(text, "a b") != 0;
+    failed |= qx_string_utils_has_value(NULL) != 0 || qx_string_utils_is_empty("") != 1;
+    failed |= qx_string_utils_is_equal("A", "a") != 0;
+    return failed;
+}
+
+static int check_containers(void) {
+    qx_properties *properties = qx_properties_new_ext(1);
+    qx_string_splitter *splitter = qx_string_splitter_new();
+    int failed = 0;
+
+    if (properties == NULL || splitter == NULL) {
+        qx_properties_delete(properties);
+        qx_string_splitter_delete(splitter);
+        return 1;
+    }
+    qx_properties_append(properties, qx_string_utils_get_copy("a"), qx_string_utils_get_copy("1"));
+    qx_properties_append(properties, qx_string_utils_get_copy("a"), qx_string_utils_get_copy("2"));
+    failed |= strcmp(qx_properties_find_value(properties, "a"), "1") != 0;
+    failed |= qx_properties_find_index(properties, "b") != 0xFFFFFFFFu;
+    failed |= qx_properties_get_name_at(properties, 2) != NULL;
+    qx_properties_remove_at(properties, 0);
+    failed |= strcmp(qx_properties_find_value(properties, "a"), "2") != 0;
+    qx_properties_delete(properties);
+
+    failed |= qx_string_splitter_split(splitter, "key==value", "=") != 0;
+    failed |= qx_string_splitter_get_count(splitter) != 3;
+    failed |= strcmp(qx_string_splitter_get_at(splitter, 1), "") != 0;
+    failed |= qx_string_splitter_get_at(splitter, 3) != NULL;
+    qx_string_splitter_delete(splitter);
+    return failed;
+}
+
 int check_lists(void) {
-    return check_llist() | check_stack();
+    return check_llist() | check_stack() | check_string_utils() | check_containers();
 }
