@@ -1,9 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <malloc.h>
 #include <string>
 #include <vector>
 
@@ -396,6 +398,25 @@ TEST_F(QxTxtFileReader, ClosesTheFileAfterEveryRead) {
     EXPECT_EQ(qx_txt_file_reader_read_lines(reader, path.c_str(), 1, 1), 0);
     EXPECT_EQ(qx_txt_file_reader_read_all_lines(reader, path.c_str()), 0);
     EXPECT_TRUE(fds.unchanged());
+}
+
+TEST_F(QxTxtFileReader, KeepsTheBuffersGetlineFilled) {
+    const std::string path = file("ab", "a\nb\n");
+    // What getline itself allocates for the first line of this file.
+    std::size_t getline_size = 0;
+    {
+        FILE *f = std::fopen(path.c_str(), "r");
+        ASSERT_NE(f, nullptr);
+        char *buffer = nullptr;
+        ASSERT_EQ(getline(&buffer, &getline_size, f), 2);
+        std::free(buffer);
+        std::fclose(f);
+    }
+    ASSERT_GT(getline_size, 3u) << "getline allocated no more than the line";
+    ASSERT_EQ(qx_txt_file_reader_read_all_lines(reader, path.c_str()), 0);
+    // The lines are getline's buffers taken over, not copies cut to size.
+    for (uint32_t i = 0; i < 2; ++i)
+        EXPECT_GE(malloc_usable_size(qx_txt_file_reader_get_line_at(reader, i)), getline_size) << i;
 }
 
 TEST_F(QxTxtFileReader, EveryLineIsItsOwnBlockFreedWithItsRemoval) {
