@@ -133,7 +133,21 @@ template <typename Body> child_report run_in_child(bool unprivileged, Body body)
 #ifdef QX_TEST_HEAP_FROM_SANITIZER
 extern "C" void __lsan_disable(void);
 extern "C" void __lsan_enable(void);
+extern "C" std::size_t __sanitizer_get_allocated_size(const volatile void *p);
 #endif
+
+// The size asked for when block was allocated, where it can be known.
+bool allocated_size_known() {
+    return qx_test::heap_bytes_available();
+}
+std::size_t allocated_size(const void *block) {
+#ifdef QX_TEST_HEAP_FROM_SANITIZER
+    return __sanitizer_get_allocated_size(block);
+#else
+    (void)block;
+    return 0;
+#endif
+}
 
 // The C library's directory walk loses the record of a visited directory
 // when the allocation that files it fails; that block is the C library's,
@@ -1085,6 +1099,23 @@ TEST_F(CreateTempfile, NamesFromTheDirectoryGivenAsItIs) {
     EXPECT_TRUE(named_within(name, with_slash, before, after, 0)) << name;
     EXPECT_EQ(std::string(name).find(dir_.path() + "//"), 0u);
     close(fd);
+    std::free(name);
+}
+
+TEST_F(CreateTempfile, AllocatesTheNameWithRoomForTheLongestNumbers) {
+    if (!allocated_size_known())
+        GTEST_SKIP() << "block sizes are known only under the sanitizer's allocator";
+    char *name = nullptr;
+    const int fd = create_tempfile(dir_.path().c_str(), O_WRONLY, 0600, &name);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(allocated_size(name), dir_.path().size() + 26);
+    close(fd);
+    std::free(name);
+    enter_test_directory();
+    const int relative = create_tempfile(nullptr, O_WRONLY, 0600, &name);
+    ASSERT_GE(relative, 0);
+    EXPECT_EQ(allocated_size(name), 25u);
+    close(relative);
     std::free(name);
 }
 
