@@ -23,6 +23,7 @@
 #include "qxcommon-util/dirtree.h"
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
+#include "support/fs_calls.hpp"
 #include "support/heap_usage.hpp"
 #include "support/syslog_capture.hpp"
 #include "support/temp_dir.hpp"
@@ -31,6 +32,8 @@ namespace {
 
 using qx_test::fd_snapshot;
 using qx_test::file_exists;
+using qx_test::fs_call;
+using qx_test::fs_call_recording;
 using qx_test::read_file;
 using qx_test::temp_dir;
 using qx_test::write_file;
@@ -70,6 +73,23 @@ strings entries_of(const std::string &path) {
     closedir(dir);
     std::sort(names.begin(), names.end());
     return names;
+}
+
+// The recorded calls of one function, in order.
+std::vector<fs_call> calls_to(const std::string &function) {
+    std::vector<fs_call> chosen;
+    for (const fs_call &call : qx_test::recorded_fs_calls()) {
+        if (call.function == function)
+            chosen.push_back(call);
+    }
+    return chosen;
+}
+
+strings paths_of(const std::vector<fs_call> &calls) {
+    strings paths;
+    for (const fs_call &call : calls)
+        paths.push_back(call.path);
+    return paths;
 }
 
 // Bytes that differ from one position to the next and do not repeat with
@@ -423,6 +443,83 @@ TEST_F(QxCp, DurableCopyIsRemovedWhenItsDirectoryCannotBeOpened) {
     EXPECT_FALSE(file_exists(durable));
 }
 
+// ---- qx_cp: how the files are opened ------------------------------------
+
+// The opens of one copy: target, source, and with QX_CP_DURABLE the
+// directory.
+std::vector<fs_call> opens_of_copy(const std::string &src, const std::string &dst, int flags,
+                                   int expected_result = 0) {
+    fs_call_recording recording;
+    EXPECT_EQ(qx_cp(src.c_str(), dst.c_str(), flags), expected_result);
+    return calls_to("open");
+}
+
+TEST_F(QxCp, WithoutFlagsOpensANewTargetExclusivelyWithMode0644) {
+    write_file(file("src"), "x");
+    const auto opens = opens_of_copy(file("src"), file("dst"), 0);
+    ASSERT_EQ(opens.size(), 2u);
+    EXPECT_EQ(opens[0].path, file("dst"));
+    EXPECT_EQ(opens[0].flags, O_WRONLY | O_CREAT | O_TRUNC | O_EXCL);
+    EXPECT_EQ(opens[0].mode, 0644u);
+    EXPECT_EQ(opens[1].path, file("src"));
+    EXPECT_EQ(opens[1].flags, O_RDONLY);
+    EXPECT_TRUE(calls_to("fsync").empty());
+}
+
+TEST_F(QxCp, OverwriteOpensTheTargetWithoutExclusion) {
+    write_file(file("src"), "x");
+    const auto opens = opens_of_copy(file("src"), file("dst"), QX_CP_OVERWRITE);
+    ASSERT_EQ(opens.size(), 2u);
+    EXPECT_EQ(opens[0].flags, O_WRONLY | O_CREAT | O_TRUNC);
+}
+
+TEST_F(QxCp, KeepAttributesCreatesTheTargetWithTheSourceMode) {
+    write_file(file("src"), "x");
+    ASSERT_EQ(chmod(file("src").c_str(), 0604), 0);
+    const auto opens = opens_of_copy(file("src"), file("dst"), QX_CP_KEEP_ATTRIBUTES);
+    ASSERT_EQ(opens.size(), 2u);
+    EXPECT_EQ(opens[0].flags, O_WRONLY | O_CREAT | O_TRUNC | O_EXCL);
+    EXPECT_EQ(opens[0].mode & 07777, 0604u);
+}
+
+TEST_F(QxCp, DurableWritesSynchronouslyAndSyncsTheTargetDirectory) {
+    write_file(file("src"), pattern(9000));
+    make_directory(file("sub"));
+    const auto opens = opens_of_copy(file("src"), file("sub/dst"), QX_CP_DURABLE);
+    ASSERT_EQ(opens.size(), 3u);
+    EXPECT_EQ(opens[0].flags, O_WRONLY | O_CREAT | O_TRUNC | O_EXCL | O_SYNC);
+    EXPECT_EQ(opens[2].path, file("sub"));
+    EXPECT_EQ(opens[2].flags, O_RDONLY | O_DIRECTORY);
+    ASSERT_GE(opens[2].fd, 0);
+    const auto syncs = calls_to("fsync");
+    ASSERT_EQ(syncs.size(), 1u);
+    EXPECT_EQ(syncs[0].fd, opens[2].fd);
+}
+
+TEST_F(QxCp, DurableSyncsTheDirectoryOfARelativeTargetByItsName) {
+    write_file(file("src"), "x");
+    make_directory(file("sub"));
+    enter_test_directory();
+    const auto nested = opens_of_copy("src", "sub//dst", QX_CP_DURABLE);
+    ASSERT_EQ(nested.size(), 3u);
+    EXPECT_EQ(nested[2].path, "sub");
+    const auto here = opens_of_copy("src", "dst", QX_CP_DURABLE);
+    ASSERT_EQ(here.size(), 3u);
+    EXPECT_EQ(here[2].path, ".");
+}
+
+TEST_F(QxCp, AllFlagsTogetherOpenTheTargetWithEveryBitsFlags) {
+    write_file(file("src"), "x");
+    const auto opens = opens_of_copy(file("src"), file("dst"), 7);
+    ASSERT_EQ(opens.size(), 3u);
+    EXPECT_EQ(opens[0].flags, O_WRONLY | O_CREAT | O_TRUNC | O_SYNC);
+}
+
+TEST_F(QxCp, FailureBeforeTheTargetOpensNothing) {
+    const auto opens = opens_of_copy(file("missing"), file("dst"), 0, -1);
+    EXPECT_TRUE(opens.empty());
+}
+
 // ---- qx_cp: failures -----------------------------------------------------
 
 TEST_F(QxCp, OfAMissingSourceFailsWithEnoentAndMakesNoTarget) {
@@ -634,9 +731,16 @@ TEST_F(QxPmkdir, WhosePathRunsThroughARegularFileFailsWithEnotdir) {
     errno = 0;
     EXPECT_EQ(qx_pmkdir(file("f/sub").c_str(), 0755), -1);
     EXPECT_EQ(errno, ENOTDIR);
-    errno = 0;
-    EXPECT_EQ(qx_pmkdir(file("f/sub/deeper").c_str(), 0755), -1);
-    EXPECT_EQ(errno, ENOTDIR);
+    const std::string deeper = file("f/sub/deeper");
+    {
+        fs_call_recording recording;
+        errno = 0;
+        EXPECT_EQ(qx_pmkdir(deeper.c_str(), 0755), -1);
+        EXPECT_EQ(errno, ENOTDIR);
+    }
+    const strings paths = paths_of(calls_to("mkdir"));
+    ASSERT_FALSE(paths.empty());
+    EXPECT_EQ(paths.back(), file("f/sub/"));
     EXPECT_EQ(read_file(file("f")), "content");
 }
 
@@ -644,9 +748,15 @@ TEST_F(QxPmkdir, StopsAtTheFirstFailureOtherThanEexist) {
     // A name longer than a directory entry may be.
     const std::string too_long(300, 'n');
     const std::string path = file("made/" + too_long + "/never");
-    errno = 0;
-    EXPECT_EQ(qx_pmkdir(path.c_str(), 0755), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
+    {
+        fs_call_recording recording;
+        errno = 0;
+        EXPECT_EQ(qx_pmkdir(path.c_str(), 0755), -1);
+        EXPECT_EQ(errno, ENAMETOOLONG);
+    }
+    const strings paths = paths_of(calls_to("mkdir"));
+    ASSERT_FALSE(paths.empty());
+    EXPECT_EQ(paths.back(), file("made/" + too_long + "/"));
     EXPECT_TRUE(is_directory(file("made")));
     EXPECT_EQ(entries_of(file("made")), strings{});
 }
@@ -694,6 +804,60 @@ TEST_F(QxPmkdir, UsesOnlyTheFirst4095BytesOfThePath) {
     EXPECT_EQ(qx_pmkdir(path.c_str(), 0755), 0);
     EXPECT_TRUE(is_directory(kept));
     EXPECT_EQ(entries_of(kept), strings{});
+}
+
+TEST_F(QxPmkdir, MakesEachPrefixWithItsTrailingSlashThenTheWholePath) {
+    enter_test_directory();
+    {
+        fs_call_recording recording;
+        EXPECT_EQ(qx_pmkdir("a/b/c", 0750), 0);
+    }
+    const auto calls = calls_to("mkdir");
+    EXPECT_EQ(paths_of(calls), (strings{"a/", "a/b/", "a/b/c"}));
+    for (const fs_call &call : calls)
+        EXPECT_EQ(call.mode, 0750u) << call.path;
+}
+
+TEST_F(QxPmkdir, TreatsARunOfSlashesAsOne) {
+    enter_test_directory();
+    {
+        fs_call_recording recording;
+        EXPECT_EQ(qx_pmkdir("a//b///c", 0755), 0);
+    }
+    EXPECT_EQ(paths_of(calls_to("mkdir")), (strings{"a//", "a//b///", "a//b///c"}));
+}
+
+TEST_F(QxPmkdir, EndsWithTheWholePathWhenItEndsInASlash) {
+    enter_test_directory();
+    {
+        fs_call_recording recording;
+        EXPECT_EQ(qx_pmkdir("a//b/", 0755), 0);
+    }
+    const strings paths = paths_of(calls_to("mkdir"));
+    ASSERT_GE(paths.size(), 2u);
+    EXPECT_EQ(paths.front(), "a//");
+    EXPECT_EQ(paths.back(), "a//b/");
+    for (const std::string &path : paths)
+        EXPECT_TRUE(path == "a//" || path == "a//b/") << path;
+}
+
+TEST_F(QxPmkdir, StartsAnAbsolutePathAtTheRoot) {
+    const std::string path = dir_.path() + "/x";
+    {
+        fs_call_recording recording;
+        EXPECT_EQ(qx_pmkdir(path.c_str(), 0755), 0);
+    }
+    const strings paths = paths_of(calls_to("mkdir"));
+    ASSERT_GE(paths.size(), 2u);
+    EXPECT_EQ(paths.front(), "/");
+    EXPECT_EQ(paths[paths.size() - 2], dir_.path() + "/");
+    EXPECT_EQ(paths.back(), path);
+}
+
+TEST_F(QxPmkdir, MakesNoCallForAnEmptyPath) {
+    fs_call_recording recording;
+    EXPECT_EQ(qx_pmkdir("", 0755), 0);
+    EXPECT_TRUE(calls_to("mkdir").empty());
 }
 
 TEST_F(QxPmkdir, MakesNoAllocation) {
@@ -1044,6 +1208,42 @@ TEST_F(CreateTempfile, AppliesTheModeLessTheUmask) {
     EXPECT_EQ(mode_of(name), 0640u);
     close(second);
     std::free(name);
+}
+
+TEST_F(CreateTempfile, AddsCreateAndExclusiveToTheCallersFlagsAndPassesTheMode) {
+    int fd = -1;
+    {
+        fs_call_recording recording;
+        fd = create_tempfile(dir_.path().c_str(), O_WRONLY | O_APPEND | O_CLOEXEC, 0640, nullptr);
+    }
+    ASSERT_GE(fd, 0);
+    close(fd);
+    const auto opens = calls_to("open");
+    ASSERT_EQ(opens.size(), 1u);
+    EXPECT_EQ(opens[0].flags, O_WRONLY | O_APPEND | O_CLOEXEC | O_CREAT | O_EXCL);
+    EXPECT_EQ(opens[0].mode, 0640u);
+    EXPECT_EQ(opens[0].fd, fd);
+}
+
+TEST_F(CreateTempfile, CountsItsAttemptsFromZeroToNineteen) {
+    const std::string missing = file("missing");
+    {
+        fs_call_recording recording;
+        EXPECT_EQ(create_tempfile(missing.c_str(), O_WRONLY, 0600, nullptr), -1);
+    }
+    const auto opens = calls_to("open");
+    ASSERT_EQ(opens.size(), 20u);
+    const std::string pid = "." + std::to_string(getpid()) + ".";
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        const std::string &name = opens[static_cast<std::size_t>(attempt)].path;
+        const std::string ending = pid + std::to_string(attempt);
+        ASSERT_GT(name.size(), missing.size() + 1 + ending.size()) << name;
+        EXPECT_EQ(name.substr(0, missing.size() + 1), missing + "/") << name;
+        EXPECT_EQ(name.substr(name.size() - ending.size()), ending) << name;
+        const std::string seconds =
+            name.substr(missing.size() + 1, name.size() - missing.size() - 1 - ending.size());
+        EXPECT_EQ(seconds.find_first_not_of("0123456789"), std::string::npos) << name;
+    }
 }
 
 TEST_F(CreateTempfile, LogsOutOfMemoryAndFailsWhenTheFirstNameCannotBeAllocated) {
