@@ -27,6 +27,7 @@ int main(int argc, char **argv) {
         {"codecs and escaping", demo_codecs},
         {"INI settings", demo_ini},
         {"key=value settings", demo_config},
+        {"copies, directory trees and temporary files", demo_files},
     };
     int failures = 0;
     size_t i;
