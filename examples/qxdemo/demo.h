@@ -10,5 +10,6 @@ int demo_json(void);
 int demo_codecs(void);
 int demo_ini(void);
 int demo_config(void);
+int demo_osinfo(void);
 
 #endif

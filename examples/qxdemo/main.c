@@ -27,6 +27,7 @@ int main(int argc, char **argv) {
         {"codecs and escaping", demo_codecs},
         {"INI settings", demo_ini},
         {"key=value settings", demo_config},
+        {"OS release information", demo_osinfo},
     };
     int failures = 0;
     size_t i;
