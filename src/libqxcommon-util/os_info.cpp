@@ -155,9 +155,8 @@ namespace qx::detail {
 
 namespace {
 
-// Runs when the library is unloaded. It gives a never-used record its path
-// before releasing it: deliberate, it keeps the record in the same state
-// whether or not osrelease was ever called.
+// Runs when the library is unloaded. A record that was never used is first
+// given its path, which is then released at once: deliberate, kept as it is.
 __attribute__((destructor)) void release_library_record() {
     if (library_record.path == nullptr)
         library_record.path = ::strdup(default_os_release_path);
