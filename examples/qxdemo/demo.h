@@ -11,5 +11,6 @@ int demo_codecs(void);
 int demo_ini(void);
 int demo_config(void);
 int demo_files(void);
+int demo_osinfo(void);
 
 #endif

@@ -28,6 +28,7 @@ int main(int argc, char **argv) {
         {"INI settings", demo_ini},
         {"key=value settings", demo_config},
         {"copies, directory trees and temporary files", demo_files},
+        {"OS release information", demo_osinfo},
     };
     int failures = 0;
     size_t i;

@@ -1,0 +1,47 @@
+// RFC 3339 date-times in local time.
+#include "qxcommon-util/rfc3339.h"
+
+#include <cstdio>
+#include <ctime>
+
+namespace qx::detail {
+
+namespace {
+
+constexpr unsigned long seconds_per_hour = 3600;
+constexpr unsigned long seconds_per_minute = 60;
+
+// "HH:MM" of an absolute offset; seconds of the offset are dropped. Real
+// offsets stay below a day; the "% 100" only shows that two digits suffice.
+void format_offset(unsigned long offset, char (&text)[6]) noexcept {
+    std::snprintf(text, sizeof text, "%02u:%02u",
+                  static_cast<unsigned>(offset / seconds_per_hour % 100),
+                  static_cast<unsigned>(offset % seconds_per_hour / seconds_per_minute));
+}
+
+} // namespace
+
+} // namespace qx::detail
+
+extern "C" {
+
+QX_API int rfc3339_date(time_t when, char *dest, size_t size) {
+    // A time localtime_r cannot break down leaves the zeroed record as it is.
+    struct tm local {};
+    (void)::localtime_r(&when, &local);
+
+    char offset_text[6] = {};
+    char sign = 'Z';
+    if (local.tm_gmtoff != 0) {
+        sign = local.tm_gmtoff > 0 ? '+' : '-';
+        const long offset = local.tm_gmtoff;
+        qx::detail::format_offset(offset > 0 ? static_cast<unsigned long>(offset)
+                                             : 0UL - static_cast<unsigned long>(offset),
+                                  offset_text);
+    }
+    return std::snprintf(dest, size, "%04d-%02d-%02dT%02d:%02d:%02d%c%s", local.tm_year + 1900,
+                         local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                         sign, offset_text);
+}
+
+} // extern "C"
