@@ -87,9 +87,14 @@ void initproctitle(int argc, char **argv) {
     if (argv == nullptr || argc < 1 || argv[0] == nullptr)
         return;
     char *const *old_environment = environ;
-    const char *last = last_area_string(argc, argv, old_environment);
     const auto start = reinterpret_cast<std::uintptr_t>(argv[0]);
-    const auto end = reinterpret_cast<std::uintptr_t>(last) + std::strlen(last);
+    auto end = start + area_length;
+    // A second call copies the environment again (the first copy is left
+    // behind); the area, measured on the original strings, stays as it was.
+    if (saved_argv == nullptr || area_start != argv[0]) {
+        const char *last = last_area_string(argc, argv, old_environment);
+        end = reinterpret_cast<std::uintptr_t>(last) + std::strlen(last);
+    }
     // Strings that do not lie behind the first argument are not the
     // program's own argument area.
     if (end < start)
