@@ -357,6 +357,18 @@ TEST_F(WritePidfile, RemovesAndRewritesAFileHoldingGarbage) {
     close(keep_inode);
 }
 
+TEST_F(WritePidfile, ANumberBeyondAnyPidNamesNoProcess) {
+    // As a pid_t these would be -1 and -2, which kill(2) reads as "every
+    // process" and a process group: such a file is stale, not a live owner.
+    for (const char *text : {"4294967295\n", "-2\n", "99999999999999999999\n"}) {
+        const std::string path = dir_.file("service.pid");
+        write_file(path, text);
+        const std::string expected = own_pid() + "\n";
+        EXPECT_EQ(write_pidfile(path.c_str()), static_cast<int>(expected.size())) << text;
+        EXPECT_EQ(read_file(path), expected) << text;
+    }
+}
+
 TEST_F(WritePidfile, RewritesAnEmptyFile) {
     const std::string path = dir_.file("service.pid");
     write_file(path, "");
