@@ -21,11 +21,13 @@
 extern "C" {
 #endif
 
-/* A recorded PID (decimal, up to 21 bytes read) that kill(pid, 0) accepts
- * blocks the start: -1 with errno EEXIST, the file untouched. Otherwise a
- * readable file is unlinked (-1 with errno when that fails) and the file is
- * written afresh with "<own pid>\n", mode 0644. Returns the number of bytes
- * written, or -1 with errno. */
+/* A recorded PID (decimal after optional blanks, up to 21 bytes read) that
+ * kill(pid, 0) accepts blocks the start: -1 with errno EEXIST, the file
+ * untouched. Otherwise (0, garbage, a number beyond any PID, a process that
+ * is gone or may not be signalled) a readable file is unlinked (-1 with
+ * errno when that fails) and the file is written afresh with
+ * "<own pid>\n", mode 0644. Returns the number of bytes written, or -1 with
+ * errno. */
 QX_API int write_pidfile(const char *path);
 
 /* Makes sure this program runs once, with "<dir><base name>.pid" as its PID
