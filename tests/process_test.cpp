@@ -674,9 +674,11 @@ TEST_F(Process, RecordAllocationFailureStopsAndReapsTheChild) {
             EXPECT_EQ(errno, ECHILD);
         } else {
             ASSERT_NE(proc, nullptr);
+            const pid_t pid = proc->pid;
             EXPECT_EQ(process_signal(proc, SIGKILL), 0);
             int exitcode = 77;
-            EXPECT_EQ(process_close(proc, &exitcode, 1) > 0, true);
+            EXPECT_EQ(process_close(proc, &exitcode, 1), pid);
+            EXPECT_EQ(exitcode, 77);
         }
     });
     EXPECT_EQ(allocations, 1); // the record is the only allocation
@@ -826,8 +828,9 @@ TEST_F(Process, GetsReadErrorWhileDiscardingALongLineStillTerminatesTheBuffer) {
     char buf[4];
     EXPECT_EQ(process_gets(proc, buf, sizeof buf), -1);
     EXPECT_STREQ(buf, "abc");
+    const pid_t pid = proc->pid;
     EXPECT_EQ(process_signal(proc, SIGKILL), 0);
-    EXPECT_GT(process_close(proc, nullptr, 1), 0);
+    EXPECT_EQ(process_close(proc, nullptr, 1), pid);
 }
 
 // ---- process_puts ----------------------------------------------------------
@@ -877,8 +880,9 @@ TEST_F(Process, PutsIntoAFullNonBlockingPipeLogsErrorSendingCommand) {
     ASSERT_EQ(write(process_write_fd(proc), fill.data(), fill.size()), capacity);
     EXPECT_EQ(process_puts(proc, "abc", 3), -1);
     EXPECT_EQ(messages(), (strings{"error sending command"}));
+    const pid_t pid = proc->pid;
     EXPECT_EQ(process_signal(proc, SIGKILL), 0);
-    EXPECT_GT(process_close(proc, nullptr, 1), 0);
+    EXPECT_EQ(process_close(proc, nullptr, 1), pid);
 }
 
 TEST_F(Process, PutsCountsAShortWriteAsSentAndThenFailsOnTheLineBreak) {
@@ -892,8 +896,9 @@ TEST_F(Process, PutsCountsAShortWriteAsSentAndThenFailsOnTheLineBreak) {
     const std::string line(static_cast<std::size_t>(capacity) + 100, 'x');
     EXPECT_EQ(process_puts(proc, line.data(), static_cast<int>(line.size())), -1);
     EXPECT_EQ(messages(), (strings{"error sending line break"}));
+    const pid_t pid = proc->pid;
     EXPECT_EQ(process_signal(proc, SIGKILL), 0);
-    EXPECT_GT(process_close(proc, nullptr, 1), 0);
+    EXPECT_EQ(process_close(proc, nullptr, 1), pid);
 }
 
 // ---- closing, exit codes and signals ---------------------------------------
@@ -996,9 +1001,10 @@ TEST_F(Process, SignalGivesTheResultOfKill) {
     errno = 0;
     EXPECT_EQ(process_signal(proc, 1000), -1);
     EXPECT_EQ(errno, EINVAL);
+    const pid_t pid = proc->pid;
     EXPECT_EQ(process_signal(proc, SIGTERM), 0);
     int exitcode = 77;
-    EXPECT_EQ(process_close(proc, &exitcode, 1) > 0, true);
+    EXPECT_EQ(process_close(proc, &exitcode, 1), pid);
     EXPECT_EQ(exitcode, 77);
 }
 
