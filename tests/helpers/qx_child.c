@@ -32,6 +32,11 @@
  *                     descriptors first, so that it holds no pipe open
  *   signal NUMBER     send signal NUMBER to itself
  *   exit CODE         end now with status CODE
+ *   blocked NUMBER    write "1" if signal NUMBER is blocked in this process,
+ *                     else "0", and a line feed to standard output
+ *   nonblocking FD    write "1" if descriptor FD has O_NONBLOCK, "0" if not,
+ *                     "-1" if it is not open, and a line feed to standard
+ *                     output
  *
  * With no "exit", the child ends with status 0 after the last action. An
  * unknown action or a missing operand ends it with status 125. */
@@ -217,6 +222,20 @@ static void start_grandchild(double seconds, const char *path, int detached) {
     _exit(0);
 }
 
+static void report_blocked(int number) {
+    sigset_t current;
+    sigprocmask(SIG_SETMASK, NULL, &current);
+    write_all(1, sigismember(&current, number) == 1 ? "1\n" : "0\n", 2);
+}
+
+static void report_nonblocking(int fd) {
+    int flags = fcntl(fd, F_GETFL);
+    if (flags < 0)
+        write_all(1, "-1\n", 3);
+    else
+        write_all(1, (flags & O_NONBLOCK) != 0 ? "1\n" : "0\n", 2);
+}
+
 static char *operand(char **argv, int *i, int argc) {
     if (*i + 1 >= argc)
         usage_error("missing operand");
@@ -267,6 +286,10 @@ int main(int argc, char **argv) {
             sigaddset(&just_this, number);
             sigprocmask(SIG_UNBLOCK, &just_this, NULL);
             kill(getpid(), number);
+        } else if (strcmp(action, "blocked") == 0) {
+            report_blocked(atoi(operand(argv, &i, argc)));
+        } else if (strcmp(action, "nonblocking") == 0) {
+            report_nonblocking(atoi(operand(argv, &i, argc)));
         } else if (strcmp(action, "exit") == 0) {
             _exit(atoi(operand(argv, &i, argc)));
         } else {
