@@ -72,6 +72,11 @@ char **make_array(const std::vector<const char *> &strings, std::size_t spare = 
 
 using strings = std::vector<std::string>;
 
+// Called through pointers, so that no format check objects to a NULL format.
+int (*const unchecked_append_printf)(char **, const char *, ...) = qx_array_append_printf;
+int (*const unchecked_append_resize_printf)(char ***, const char *,
+                                            ...) = qx_array_append_resize_printf;
+
 } // namespace
 
 // --- qx_array_new, qx_array_size, qx_array_count ----------------------------
@@ -413,7 +418,7 @@ TEST(QxArrayAppendPrintf, AppendsTheFormattedText) {
 TEST(QxArrayAppendPrintf, AppendsAnEmptyStringForANullFormat) {
     array_holder a(qx_array_new(100));
     const char *no_format = nullptr;
-    ASSERT_EQ(qx_array_append_printf(a.array, no_format), 0);
+    ASSERT_EQ(unchecked_append_printf(a.array, no_format), 0);
     EXPECT_EQ(qx_array_count(a.array), 1u);
     EXPECT_STREQ(a.array[0], "");
     EXPECT_EQ(free_count(a.array), 100 - (W + 1));
@@ -460,7 +465,7 @@ TEST(QxArrayAppendResizePrintf, GrowsForTheFormattedText) {
 TEST(QxArrayAppendResizePrintf, AppendsAnEmptyStringForANullFormat) {
     array_holder a(qx_array_new(0));
     const char *no_format = nullptr;
-    ASSERT_EQ(qx_array_append_resize_printf(&a.array, no_format), 0);
+    ASSERT_EQ(unchecked_append_resize_printf(&a.array, no_format), 0);
     EXPECT_EQ(entries(a.array), (strings{""}));
 }
 
