@@ -667,6 +667,15 @@ TEST(ArrayMerge, AcceptsPlainStringVectors) {
     EXPECT_EQ(m[3], nullptr);
 }
 
+TEST(ArrayMerge, TakesANullFirstArgumentAsEmpty) {
+    array_holder b(make_array({"b"}));
+    block_ptr merged(array_merge(nullptr, b.array, static_cast<char **>(nullptr)));
+    auto m = static_cast<char **>(merged.get());
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m[0], b.array[0]);
+    EXPECT_EQ(m[1], nullptr);
+}
+
 // Two arguments only: the terminator is b itself, which the sentinel
 // check of the declaration does not foresee.
 #if defined(__clang__)
@@ -1099,13 +1108,4 @@ TEST(Array2flag, ReadsBackWhatFlag2arrayWrote) {
     ASSERT_NE(a.array, nullptr);
     EXPECT_EQ(entries(a.array), (strings{"wronly", "append"}));
     EXPECT_EQ(array2flag(a.array, mode_flags, nullptr), 0xAu);
-}
-
-TEST(ArrayMerge, TakesANullFirstArgumentAsEmpty) {
-    array_holder b(make_array({"b"}));
-    block_ptr merged(array_merge(nullptr, b.array, static_cast<char **>(nullptr)));
-    auto m = static_cast<char **>(merged.get());
-    ASSERT_NE(m, nullptr);
-    EXPECT_EQ(m[0], b.array[0]);
-    EXPECT_EQ(m[1], nullptr);
 }
