@@ -17,6 +17,8 @@
  *   close-stdout      close standard output
  *   close-stderr      close standard error
  *   close-stdin       close standard input
+ *   close-extra       close every descriptor above 2 (copies a parent left
+ *                     open, such as the write ends of its pipes)
  *   pidfile PATH      write this process's PID and a line feed to PATH
  *   pgid              write this process's process group ID and a line feed
  *                     to standard output
@@ -31,6 +33,12 @@
  *                     the same, but the grandchild closes its standard
  *                     descriptors first, so that it holds no pipe open
  *   signal NUMBER     send signal NUMBER to itself
+ *   blocked NUMBER    write "1" and a line feed to standard output when
+ *                     signal NUMBER is blocked, else "0" and a line feed
+ *   stop-until-continued SECONDS
+ *                     start a grandchild that holds no descriptor open and
+ *                     sends SIGCONT to this process after SECONDS, then stop
+ *                     with SIGSTOP until it does
  *   exit CODE         end now with status CODE
  *
  * With no "exit", the child ends with status 0 after the last action. An
@@ -217,6 +225,49 @@ static void start_grandchild(double seconds, const char *path, int detached) {
     _exit(0);
 }
 
+static void close_extra_descriptors(void) {
+    DIR *dir = opendir("/proc/self/fd");
+    if (dir == NULL)
+        usage_error("cannot list /proc/self/fd");
+    int own = dirfd(dir);
+    struct dirent *entry;
+    int numbers[1024];
+    int count = 0;
+    while ((entry = readdir(dir)) != NULL && count < 1024) {
+        if (entry->d_name[0] == '.')
+            continue;
+        int fd = atoi(entry->d_name);
+        if (fd > 2 && fd != own)
+            numbers[count++] = fd;
+    }
+    closedir(dir);
+    for (int i = 0; i < count; ++i)
+        close(numbers[i]);
+}
+
+static void report_blocked(int number) {
+    sigset_t current;
+    sigprocmask(SIG_BLOCK, NULL, &current);
+    write_all(1, sigismember(&current, number) == 1 ? "1\n" : "0\n", 2);
+}
+
+static void stop_until_continued(double seconds) {
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid < 0)
+        usage_error("fork failed");
+    if (pid == 0) {
+        close(0);
+        close(1);
+        close(2);
+        close_extra_descriptors();
+        sleep_seconds(seconds);
+        kill(parent, SIGCONT);
+        _exit(0);
+    }
+    kill(getpid(), SIGSTOP);
+}
+
 static char *operand(char **argv, int *i, int argc) {
     if (*i + 1 >= argc)
         usage_error("missing operand");
@@ -246,6 +297,8 @@ int main(int argc, char **argv) {
             close(2);
         } else if (strcmp(action, "close-stdin") == 0) {
             close(0);
+        } else if (strcmp(action, "close-extra") == 0) {
+            close_extra_descriptors();
         } else if (strcmp(action, "pidfile") == 0) {
             write_pid_to(operand(argv, &i, argc), getpid());
         } else if (strcmp(action, "pgid") == 0) {
@@ -267,6 +320,10 @@ int main(int argc, char **argv) {
             sigaddset(&just_this, number);
             sigprocmask(SIG_UNBLOCK, &just_this, NULL);
             kill(getpid(), number);
+        } else if (strcmp(action, "blocked") == 0) {
+            report_blocked(atoi(operand(argv, &i, argc)));
+        } else if (strcmp(action, "stop-until-continued") == 0) {
+            stop_until_continued(atof(operand(argv, &i, argc)));
         } else if (strcmp(action, "exit") == 0) {
             _exit(atoi(operand(argv, &i, argc)));
         } else {
