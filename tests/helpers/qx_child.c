@@ -123,7 +123,8 @@ static size_t unescape(char *text) {
 }
 
 static void write_pattern(int fd, long count) {
-    char block[4096];
+    /* A whole number of alphabets, so the pattern runs on across blocks. */
+    char block[26 * 157];
     for (size_t i = 0; i < sizeof block; ++i)
         block[i] = (char)('a' + i % 26);
     while (count > 0) {
