@@ -31,7 +31,8 @@
  *                     the child's
  *   detached-grandchild SECONDS PATH
  *                     the same, but the grandchild closes its standard
- *                     descriptors first, so that it holds no pipe open
+ *                     descriptors first, so that it holds no pipe open (run
+ *                     close-extra before it when other copies are open)
  *   signal NUMBER     send signal NUMBER to itself
  *   blocked NUMBER    write "1" and a line feed to standard output when
  *                     signal NUMBER is blocked, else "0" and a line feed
