@@ -17,6 +17,8 @@
  *   close-stdout      close standard output
  *   close-stderr      close standard error
  *   close-stdin       close standard input
+ *   close-extra       close every descriptor above 2 (copies a parent left
+ *                     open, such as the write ends of its pipes)
  *   pidfile PATH      write this process's PID and a line feed to PATH
  *   pgid              write this process's process group ID and a line feed
  *                     to standard output
@@ -29,8 +31,15 @@
  *                     the child's
  *   detached-grandchild SECONDS PATH
  *                     the same, but the grandchild closes its standard
- *                     descriptors first, so that it holds no pipe open
+ *                     descriptors first, so that it holds no pipe open (run
+ *                     close-extra before it when other copies are open)
  *   signal NUMBER     send signal NUMBER to itself
+ *   blocked NUMBER    write "1" and a line feed to standard output when
+ *                     signal NUMBER is blocked, else "0" and a line feed
+ *   stop-until-continued SECONDS
+ *                     start a grandchild that holds no descriptor open and
+ *                     sends SIGCONT to this process after SECONDS, then stop
+ *                     with SIGSTOP until it does
  *   exit CODE         end now with status CODE
  *   blocked NUMBER    write "1" if signal NUMBER is blocked in this process,
  *                     else "0", and a line feed to standard output
@@ -120,7 +129,8 @@ static size_t unescape(char *text) {
 }
 
 static void write_pattern(int fd, long count) {
-    char block[4096];
+    /* A whole number of alphabets, so the pattern runs on across blocks. */
+    char block[26 * 157];
     for (size_t i = 0; i < sizeof block; ++i)
         block[i] = (char)('a' + i % 26);
     while (count > 0) {
@@ -234,6 +244,47 @@ static void report_nonblocking(int fd) {
         write_all(1, "-1\n", 3);
     else
         write_all(1, (flags & O_NONBLOCK) != 0 ? "1\n" : "0\n", 2);
+static void close_extra_descriptors(void) {
+    DIR *dir = opendir("/proc/self/fd");
+    if (dir == NULL)
+        usage_error("cannot list /proc/self/fd");
+    int own = dirfd(dir);
+    struct dirent *entry;
+    int numbers[1024];
+    int count = 0;
+    while ((entry = readdir(dir)) != NULL && count < 1024) {
+        if (entry->d_name[0] == '.')
+            continue;
+        int fd = atoi(entry->d_name);
+        if (fd > 2 && fd != own)
+            numbers[count++] = fd;
+    }
+    closedir(dir);
+    for (int i = 0; i < count; ++i)
+        close(numbers[i]);
+}
+
+static void report_blocked(int number) {
+    sigset_t current;
+    sigprocmask(SIG_BLOCK, NULL, &current);
+    write_all(1, sigismember(&current, number) == 1 ? "1\n" : "0\n", 2);
+}
+
+static void stop_until_continued(double seconds) {
+    pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid < 0)
+        usage_error("fork failed");
+    if (pid == 0) {
+        close(0);
+        close(1);
+        close(2);
+        close_extra_descriptors();
+        sleep_seconds(seconds);
+        kill(parent, SIGCONT);
+        _exit(0);
+    }
+    kill(getpid(), SIGSTOP);
 }
 
 static char *operand(char **argv, int *i, int argc) {
@@ -265,6 +316,8 @@ int main(int argc, char **argv) {
             close(2);
         } else if (strcmp(action, "close-stdin") == 0) {
             close(0);
+        } else if (strcmp(action, "close-extra") == 0) {
+            close_extra_descriptors();
         } else if (strcmp(action, "pidfile") == 0) {
             write_pid_to(operand(argv, &i, argc), getpid());
         } else if (strcmp(action, "pgid") == 0) {
@@ -290,6 +343,8 @@ int main(int argc, char **argv) {
             report_blocked(atoi(operand(argv, &i, argc)));
         } else if (strcmp(action, "nonblocking") == 0) {
             report_nonblocking(atoi(operand(argv, &i, argc)));
+        } else if (strcmp(action, "stop-until-continued") == 0) {
+            stop_until_continued(atof(operand(argv, &i, argc)));
         } else if (strcmp(action, "exit") == 0) {
             _exit(atoi(operand(argv, &i, argc)));
         } else {
