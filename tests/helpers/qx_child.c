@@ -34,8 +34,6 @@
  *                     descriptors first, so that it holds no pipe open (run
  *                     close-extra before it when other copies are open)
  *   signal NUMBER     send signal NUMBER to itself
- *   blocked NUMBER    write "1" and a line feed to standard output when
- *                     signal NUMBER is blocked, else "0" and a line feed
  *   stop-until-continued SECONDS
  *                     start a grandchild that holds no descriptor open and
  *                     sends SIGCONT to this process after SECONDS, then stop
@@ -244,6 +242,8 @@ static void report_nonblocking(int fd) {
         write_all(1, "-1\n", 3);
     else
         write_all(1, (flags & O_NONBLOCK) != 0 ? "1\n" : "0\n", 2);
+}
+
 static void close_extra_descriptors(void) {
     DIR *dir = opendir("/proc/self/fd");
     if (dir == NULL)
@@ -262,12 +262,6 @@ static void close_extra_descriptors(void) {
     closedir(dir);
     for (int i = 0; i < count; ++i)
         close(numbers[i]);
-}
-
-static void report_blocked(int number) {
-    sigset_t current;
-    sigprocmask(SIG_BLOCK, NULL, &current);
-    write_all(1, sigismember(&current, number) == 1 ? "1\n" : "0\n", 2);
 }
 
 static void stop_until_continued(double seconds) {
