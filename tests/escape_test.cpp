@@ -98,6 +98,22 @@ TEST_F(UrlEncode, MakesRoomForThreeTimesTheLength) {
     EXPECT_EQ(text_of(sb), expected);
 }
 
+TEST_F(UrlEncode, WalksOldBytesBeyondALengthOfZeroWithinItsRoom) {
+    // A translation that deletes everything leaves length 0 and the old
+    // bytes unterminated; the encoding walks them to their NUL.
+    set(std::string(400, '/'));
+    ASSERT_EQ(strbuf_translate(&sb, "/", nullptr), 0);
+    ASSERT_EQ(sb.length, 0U);
+    EXPECT_EQ(strbuf_urlencode(&sb), 0);
+    std::string expected;
+    for (int i = 0; i < 400; ++i)
+        expected += "%2f";
+    EXPECT_EQ(sb.length, 1200U);
+    EXPECT_EQ(text_of(sb), expected);
+    EXPECT_EQ(sb.text[1200], '\0');
+    EXPECT_EQ(sb.size, 2047U);
+}
+
 TEST_F(UrlEncode, EmptiesTheTextAndKeepsTheLengthOnMemoryFailure) {
     const long allocations = qx_test::sweep_allocation_failures([&](long n) {
         set(std::string(400, '/'));

@@ -154,8 +154,11 @@ extern "C" {
 
 QX_API int strbuf_urlencode(strbuf *sb) {
     const unique_malloc<char> copy(::strdup(sb->text != nullptr ? sb->text : ""));
-    // Every byte may take three: the buffer is sized for that first.
-    if (copy == nullptr || sb->length > SIZE_MAX / 3 || strbuf_setlength(sb, 3 * sb->length) != 0) {
+    // Every byte may take three: the buffer is sized for that first. The walk
+    // goes to the copy's NUL, which after strbuf_put of NULL or a translation
+    // that deleted everything lies beyond length; the room covers it too.
+    const std::size_t walked = copy == nullptr ? 0 : std::max(sb->length, std::strlen(copy.get()));
+    if (copy == nullptr || walked > SIZE_MAX / 3 || strbuf_setlength(sb, 3 * walked) != 0) {
         // The text is emptied while length stays; callers have always seen
         // a failed encoding this way.
         if (sb->text != nullptr)
