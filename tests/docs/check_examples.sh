@@ -2,6 +2,7 @@
 # Compiles the EXAMPLE of every manual page as a C11 program against the
 # headers and links it with the library.
 # Usage: check_examples.sh cc include-dir library man-directory scratch-dir [flags...]
+# The flags (include paths, libraries) go at the end of the command line.
 set -eu
 cc=$1
 includedir=$2
@@ -29,8 +30,8 @@ for page in "$mandir"/*.3.scd; do
         continue
     fi
     count=$((count + 1))
-    if ! "$cc" -std=c11 -Wall -Wextra -Werror -I"$includedir" "$@" -o "$scratch/$name" "$src" \
-        "$library" -Wl,-rpath,"$libdir" > "$scratch/$name.log" 2>&1; then
+    if ! "$cc" -std=c11 -Wall -Wextra -Werror -I"$includedir" -o "$scratch/$name" "$src" \
+        "$library" -Wl,-rpath,"$libdir" "$@" > "$scratch/$name.log" 2>&1; then
         echo "$name: the example does not compile:"
         cat "$scratch/$name.log"
         failed=$((failed + 1))
