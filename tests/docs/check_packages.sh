@@ -67,6 +67,9 @@ has_file "$dev" "./usr/lib/cmake/qxcommon-util/qxcommon-util-targets.cmake"
 if [ -n "${QX_EXPECT_MAN:-}" ]; then
     has_file "$dev" "./usr/share/man/man3/qxcommon-util-strbuf.3.gz"
     has_file "$dev" "./usr/share/man/man7/qxcommon-util.7.gz"
+    # Each function name leads to its family's page.
+    dpkg-deb -c "$dev" | grep -q ' ./usr/share/man/man3/strbuf_append.3.gz -> qxcommon-util-strbuf.3.gz$' ||
+        fail "no strbuf_append(3) link to the strbuf page"
 fi
 lacks_file "$dev" "\.so\.0"
 
