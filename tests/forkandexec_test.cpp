@@ -758,6 +758,22 @@ TEST_F(ForkAndExec, ForkFailureRestoresTheMaskAndReturnsMinusOne) {
     EXPECT_TRUE(syslog_is_empty());
 }
 
+TEST_F(ForkAndExec, AFailedStartLeavesItsReasonInErrno) {
+    command cmd({"exit", "3"});
+    errno = 0;
+    qx_test::fail_next_child_start();
+    EXPECT_EQ(forkandexec(cmd.argv(), nullptr, nullptr), -1);
+    ASSERT_TRUE(qx_test::child_start_failure_delivered());
+    EXPECT_EQ(errno, EAGAIN);
+    strbuf out{};
+    errno = 0;
+    qx_test::fail_next_child_start();
+    EXPECT_EQ(forkandexec_ex_with_to(cmd.argv(), 2, &out, nullptr), -1);
+    ASSERT_TRUE(qx_test::child_start_failure_delivered());
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(out.text, nullptr);
+}
+
 TEST_F(ForkAndExec, AFailedReallocEndsCollectionAndKeepsWhatWasRead) {
     command warm_up({"exit", "0"});
     forkandexec(warm_up.argv(), nullptr, nullptr);
