@@ -544,6 +544,24 @@ TEST_F(IniWriter, TemporaryNameOfAFileNamedXIsATilde) {
     EXPECT_FALSE(file_exists("~"));
 }
 
+TEST_F(IniWriter, ReportsSuccessEvenWhenRemoveAndRenameFail) {
+    // A directory that is not empty opens for reading, reads as an empty file,
+    // and can be neither removed nor replaced by the temporary file.
+    const std::string conf = dir.file("conf.d");
+    const std::string temp = dir.file("conf.~");
+    ASSERT_EQ(mkdir(conf.c_str(), 0700), 0);
+    write_file(conf + "/keep", "x");
+
+    EXPECT_EQ(ini_puts("s", "k", "v", conf.c_str()), 1);
+    EXPECT_TRUE(file_exists(conf + "/keep"));
+    // The rewrite of an empty file, left under the temporary name.
+    EXPECT_EQ(read_file(temp), "\n[s]\nk=v\n");
+
+    EXPECT_EQ(ini_puts("s", nullptr, nullptr, conf.c_str()), 1);
+    EXPECT_EQ(read_file(temp), "");
+    EXPECT_TRUE(file_exists(conf + "/keep"));
+}
+
 TEST_F(IniWriter, StaleTemporaryFileIsOverwritten) {
     write_file(temp_path, "stale junk\n");
     expect_rewrite("[s]\nk=1\n", "s", "k", "2", "[s]\nk=2\n");
