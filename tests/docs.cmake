@@ -44,6 +44,12 @@ if(QX_ABIDIFF)
         COMMAND ${QX_DOCS_SCRIPTS}/check_abi.sh
             ${PROJECT_SOURCE_DIR}/abi/libqxcommon-util.abi $<TARGET_FILE:qxcommon-util>)
     set_tests_properties(abi.matches_the_baseline PROPERTIES TIMEOUT 300)
+    # ... and that check does fail for a removed function or a changed record.
+    add_test(NAME abi.check_rejects_removed_and_changed_interfaces
+        COMMAND ${QX_DOCS_SCRIPTS}/check_abi_detects_changes.sh ${QX_DOCS_SCRIPTS}/check_abi.sh
+            ${PROJECT_SOURCE_DIR}/abi/libqxcommon-util.abi $<TARGET_FILE:qxcommon-util>
+            ${CMAKE_CURRENT_BINARY_DIR}/abi-doctored)
+    set_tests_properties(abi.check_rejects_removed_and_changed_interfaces PROPERTIES TIMEOUT 300)
 else()
     message(STATUS "abidiff not found: the ABI baseline test is left out")
 endif()
