@@ -23,11 +23,18 @@ deb_of() {
     [ -f "$1" ] && echo "$1"
 }
 field() { dpkg-deb -f "$1" "$2"; }
+# The listings are written to files first: a grep -q that stops reading early
+# would otherwise break dpkg-deb's pipe.
+listing() {
+    dpkg-deb -c "$1" > "$1.contents"
+    echo "$1.contents"
+}
 has_file() {
-    dpkg-deb -c "$1" | awk '{ print $6 }' | grep -qx -- "$2" || fail "$(basename "$1") lacks $2"
+    awk '{ print $6 }' "$(listing "$1")" | grep -x -- "$2" > /dev/null ||
+        fail "$(basename "$1") lacks $2"
 }
 lacks_file() {
-    if dpkg-deb -c "$1" | awk '{ print $6 }' | grep -q -- "$2"; then
+    if awk '{ print $6 }' "$(listing "$1")" | grep -- "$2" > /dev/null; then
         fail "$(basename "$1") holds $2"
     fi
 }
@@ -55,7 +62,8 @@ has_file "$runtime" "./usr/lib/libqxcommon-util.so.0"
 has_file "$runtime" "./usr/lib/libqxcommon-util.so.$version"
 lacks_file "$runtime" "\.so$"
 lacks_file "$runtime" "/include/"
-dpkg-deb --ctrl-tarfile "$runtime" | tar -t | grep -qx './shlibs' || fail "runtime has no shlibs file"
+dpkg-deb --ctrl-tarfile "$runtime" > "$scratch/runtime-control.tar"
+tar -tf "$scratch/runtime-control.tar" | grep -x './shlibs' > /dev/null || fail "runtime has no shlibs file"
 
 # Development: headers, the .so link, pkg-config, CMake package, pages.
 has_file "$dev" "./usr/lib/libqxcommon-util.so"
@@ -68,7 +76,8 @@ if [ -n "${QX_EXPECT_MAN:-}" ]; then
     has_file "$dev" "./usr/share/man/man3/qxcommon-util-strbuf.3.gz"
     has_file "$dev" "./usr/share/man/man7/qxcommon-util.7.gz"
     # Each function name leads to its family's page.
-    dpkg-deb -c "$dev" | grep -q ' ./usr/share/man/man3/strbuf_append.3.gz -> qxcommon-util-strbuf.3.gz$' ||
+    grep ' ./usr/share/man/man3/strbuf_append.3.gz -> qxcommon-util-strbuf.3.gz$' \
+        "$(listing "$dev")" > /dev/null ||
         fail "no strbuf_append(3) link to the strbuf page"
 fi
 lacks_file "$dev" "\.so\.0"
@@ -76,7 +85,9 @@ lacks_file "$dev" "\.so\.0"
 # The tool's package exists once the tool has an install rule.
 if tools=$(deb_of qxutil); then
     [ "$(field "$tools" Package)" = qxutil ] || fail "tool Package field"
-    field "$tools" Depends | grep -q libqxcommon-util0 || fail "qxutil does not depend on the library"
+    field "$tools" Depends | grep libqxcommon-util0 > /dev/null ||
+        fail "qxutil does not depend on the library"
+    has_file "$tools" "./usr/bin/qxutil"
 fi
 
 [ "$failures" -eq 0 ] || exit 1
