@@ -19,6 +19,22 @@
 #define QX_CODEC_AVX2 0
 #endif
 
+// The wide hex decoder reads past the end of its input (within the page),
+// which the address sanitizer would rightly report: sanitized builds go
+// without it.
+#if QX_CODEC_AVX2 && !defined(__SANITIZE_ADDRESS__)
+#if defined(__has_feature)
+#if !__has_feature(address_sanitizer)
+#define QX_HEX_AVX2 1
+#endif
+#else
+#define QX_HEX_AVX2 1
+#endif
+#endif
+#ifndef QX_HEX_AVX2
+#define QX_HEX_AVX2 0
+#endif
+
 namespace qx::detail {
 
 namespace {
@@ -56,6 +72,14 @@ template <std::size_t N> constexpr std::array<char_run, N> runs_of(std::string_v
 }
 
 constexpr auto base64_runs = runs_of<count_runs(base64_alphabet)>(base64_alphabet);
+
+// Hex digits in either case: the runs of the upper-case digits and the
+// letter run of the lower-case ones.
+constexpr auto hex_upper_runs = runs_of<count_runs(hex_digits_upper)>(hex_digits_upper);
+constexpr auto hex_lower_runs = runs_of<count_runs(hex_digits_lower)>(hex_digits_lower);
+static_assert(hex_upper_runs.size() == 2 && hex_lower_runs.size() == 2);
+constexpr std::array<char_run, 3> hex_runs = {hex_upper_runs[0], hex_upper_runs[1],
+                                              hex_lower_runs[1]};
 
 // The vector encoder sorts an index into one of fourteen classes: 0 for
 // 26..51, 1..12 for 52..63 and 13 for 0..25, and adds the class's offset
@@ -126,6 +150,25 @@ __attribute__((target("avx2"))) std::size_t encode_base64_avx2(const unsigned ch
     return i;
 }
 
+// The value of each of 32 characters by the runs of an alphabet; known gets
+// all bits set in the bytes whose character is in one of the runs.
+template <std::size_t N>
+__attribute__((target("avx2"))) inline __m256i
+run_values(__m256i c, const std::array<char_run, N> &runs, __m256i &known) noexcept {
+    __m256i values = _mm256_setzero_si256();
+    known = _mm256_setzero_si256();
+    for (const char_run &run : runs) {
+        // c - first, taken unsigned, is below length exactly inside the run.
+        const __m256i t = _mm256_sub_epi8(c, _mm256_set1_epi8(static_cast<char>(run.first)));
+        const __m256i inside = _mm256_cmpeq_epi8(
+            _mm256_min_epu8(t, _mm256_set1_epi8(static_cast<char>(run.length - 1))), t);
+        const __m256i value = _mm256_add_epi8(t, _mm256_set1_epi8(static_cast<char>(run.value)));
+        values = _mm256_or_si256(values, _mm256_and_si256(inside, value));
+        known = _mm256_or_si256(known, inside);
+    }
+    return values;
+}
+
 // Thirty-two characters become twenty-four bytes per round, as long as all
 // of them are in the alphabet and the bytes fit in room; a round with any
 // other character is left to the caller, which meets the same characters
@@ -139,17 +182,8 @@ decode_base64_avx2(const char *in, std::size_t n, unsigned char *out, std::size_
     std::size_t count = 0;
     for (; i + 32 <= n && room - count >= 24; i += 32, count += 24) {
         const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
-        __m256i values = _mm256_setzero_si256();
-        __m256i known = _mm256_setzero_si256();
-        for (const char_run &run : base64_runs) {
-            const __m256i t = _mm256_sub_epi8(c, _mm256_set1_epi8(static_cast<char>(run.first)));
-            const __m256i inside = _mm256_cmpeq_epi8(
-                _mm256_min_epu8(t, _mm256_set1_epi8(static_cast<char>(run.length - 1))), t);
-            const __m256i value =
-                _mm256_add_epi8(t, _mm256_set1_epi8(static_cast<char>(run.value)));
-            values = _mm256_or_si256(values, _mm256_and_si256(inside, value));
-            known = _mm256_or_si256(known, inside);
-        }
+        __m256i known;
+        const __m256i values = run_values(c, base64_runs, known);
         if (_mm256_movemask_epi8(known) != -1)
             break;
         // Pairs of six-bit values into twelve bits, pairs of those into
@@ -166,15 +200,71 @@ decode_base64_avx2(const char *in, std::size_t n, unsigned char *out, std::size_
     return i;
 }
 
+#if QX_HEX_AVX2
+
+// Sixteen bytes from thirty-two hex digits per round, while at most `most`
+// bytes are stored and the 32 bytes at in lie within one page. The load may
+// read past the end of the text (never past its page, so it cannot fault);
+// a round with anything but hex digits is left to the caller, which stops at
+// the same character. Returns the bytes stored (a multiple of 16).
+__attribute__((target("avx2"))) std::size_t decode_hex_avx2(const char *in, unsigned char *out,
+                                                            std::size_t most) noexcept {
+    std::size_t count = 0;
+    for (; most - count >= 16; count += 16) {
+        const char *p = in + 2 * count;
+        if ((reinterpret_cast<std::uintptr_t>(p) & 4095U) > 4096 - 32)
+            break;
+        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
+        __m256i known;
+        const __m256i values = run_values(c, hex_runs, known);
+        if (_mm256_movemask_epi8(known) != -1)
+            break;
+        // High digit times sixteen plus low digit, then the sixteen-bit
+        // results narrowed to bytes and the two lanes' halves joined.
+        const __m256i pairs = _mm256_maddubs_epi16(values, _mm256_set1_epi16(0x0110));
+        const __m256i narrow =
+            _mm256_permute4x64_epi64(_mm256_packus_epi16(pairs, pairs), _MM_SHUFFLE(3, 1, 2, 0));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + count), _mm256_castsi256_si128(narrow));
+    }
+    return count;
+}
+
 #endif
+
+#endif
+
+// Two characters of an alphabet for a value of twice its bits.
+using char_pair = std::array<char, 2>;
+
+// Two Base32 characters for every 10-bit value.
+constexpr std::array<char_pair, 1024> make_base32_pairs() noexcept {
+    std::array<char_pair, 1024> table{};
+    for (std::size_t v = 0; v < table.size(); ++v)
+        table[v] = {base32_alphabet[v >> 5], base32_alphabet[v & 0x1FU]};
+    return table;
+}
+
+constexpr std::array<char_pair, 1024> base32_pairs = make_base32_pairs();
 
 // Writes the Base32 characters of the bytes, five bits at a time; a last
 // partial group is filled with zero bits on the right. Returns the count.
 int encode_base32(const unsigned char *in, int inlen, char *out) noexcept {
+    // Whole groups of five bytes first: forty bits, four lookups of two
+    // characters each.
+    int i = 0;
+    int written = 0;
+    for (; i + 5 <= inlen; i += 5, written += 8) {
+        const std::uint64_t group =
+            (std::uint64_t{in[i]} << 32) | (std::uint64_t{in[i + 1]} << 24) |
+            (std::uint64_t{in[i + 2]} << 16) | (std::uint64_t{in[i + 3]} << 8) | in[i + 4];
+        std::memcpy(out + written, base32_pairs[(group >> 30) & 0x3FFU].data(), 2);
+        std::memcpy(out + written + 2, base32_pairs[(group >> 20) & 0x3FFU].data(), 2);
+        std::memcpy(out + written + 4, base32_pairs[(group >> 10) & 0x3FFU].data(), 2);
+        std::memcpy(out + written + 6, base32_pairs[group & 0x3FFU].data(), 2);
+    }
     std::uint32_t held = 0;
     int bits = 0;
-    int written = 0;
-    for (int i = 0; i < inlen; ++i) {
+    for (; i < inlen; ++i) {
         held = (held << 8) | in[i];
         bits += 8;
         while (bits >= 5) {
@@ -211,7 +301,6 @@ class line_writer {
 
 // Two Base64 characters for every 12-bit value: three bytes become four
 // characters in two lookups.
-using char_pair = std::array<char, 2>;
 using base64_pair_table = std::array<char_pair, 4096>;
 
 constexpr base64_pair_table make_base64_pairs() noexcept {
@@ -371,10 +460,34 @@ QX_API int base32_encode(const unsigned char *in, int inlen, char *out, int outs
 QX_API int base32_decode(const char *in, unsigned char *out, int outsize) {
     if (outsize < 1)
         return -1;
+    int count = 0;
+    const char *p = in;
+    // Eight characters of the alphabet at a time while the five bytes leave
+    // room for the NUL; anything else (white space, "-", "=", the end, a
+    // character that fails) goes to the exact loop below, which starts on a
+    // group boundary with no bits held.
+    for (; count + 5 < outsize; p += 8, count += 5) {
+        std::uint64_t group = 0;
+        unsigned int seen = 0;
+        for (int k = 0; k < 8; ++k) {
+            // Stops at the NUL: its value is no_value.
+            const std::uint8_t value = base32_values[static_cast<unsigned char>(p[k])];
+            seen |= value;
+            if (value == no_value)
+                break;
+            group = (group << 5) | value;
+        }
+        if ((seen & 0xE0U) != 0)
+            break;
+        out[count] = static_cast<unsigned char>(group >> 32);
+        out[count + 1] = static_cast<unsigned char>(group >> 24);
+        out[count + 2] = static_cast<unsigned char>(group >> 16);
+        out[count + 3] = static_cast<unsigned char>(group >> 8);
+        out[count + 4] = static_cast<unsigned char>(group);
+    }
     std::uint32_t held = 0;
     int bits = 0;
-    int count = 0;
-    for (const char *p = in; *p != '\0' && *p != '='; ++p) {
+    for (; *p != '\0' && *p != '='; ++p) {
         const auto c = static_cast<unsigned char>(*p);
         const std::uint8_t value = base32_values[c];
         if (value == no_value) {
@@ -433,16 +546,36 @@ QX_API int hex_decode(const char *in, unsigned char *out, unsigned int outsize) 
         return 0;
     const unsigned int most = outsize - 1;
     unsigned int count = 0;
-    for (const char *p = in; count < most; p += 2) {
-        const std::uint8_t high = hex_value(p[0]);
-        if (high == no_value)
+#if QX_HEX_AVX2
+    const bool wide = most >= 16 && have_avx2();
+#endif
+    while (count < most) {
+#if QX_HEX_AVX2
+        if (wide) {
+            count += static_cast<unsigned int>(
+                decode_hex_avx2(in + 2 * std::size_t{count}, out + count, most - count));
+            if (count == most)
+                break;
+        }
+#endif
+        // Pairs one by one: up to the digit that stopped the wide loop, or
+        // across the page boundary it would not load over.
+        const unsigned int stop = most - count > 16 ? count + 16 : most;
+        for (; count < stop; ++count) {
+            const std::uint8_t high = hex_value(in[2 * std::size_t{count}]);
+            if (high == no_value)
+                break;
+            const std::uint8_t low = hex_value(in[2 * std::size_t{count} + 1]);
+            if (low == no_value)
+                break;
+            out[count] = static_cast<unsigned char>(high << 4 | low);
+        }
+        if (count < stop)
             break;
-        const std::uint8_t low = hex_value(p[1]);
-        if (low == no_value)
-            break;
-        out[count++] = static_cast<unsigned char>(high << 4 | low);
-        out[count] = '\0';
     }
+    // The NUL after the last byte; nothing at all when no pair was valid.
+    if (count > 0)
+        out[count] = '\0';
     return static_cast<int>(count);
 }
 
