@@ -19,21 +19,7 @@
 #define QX_CODEC_AVX2 0
 #endif
 
-// The wide hex decoder reads past the end of its input (within the page),
-// which the address sanitizer would rightly report: sanitized builds go
-// without it.
-#if QX_CODEC_AVX2 && !defined(__SANITIZE_ADDRESS__)
-#if defined(__has_feature)
-#if !__has_feature(address_sanitizer)
-#define QX_HEX_AVX2 1
-#endif
-#else
-#define QX_HEX_AVX2 1
-#endif
-#endif
-#ifndef QX_HEX_AVX2
-#define QX_HEX_AVX2 0
-#endif
+#define QX_HEX_AVX2 QX_CODEC_AVX2
 
 namespace qx::detail {
 
@@ -203,17 +189,15 @@ decode_base64_avx2(const char *in, std::size_t n, unsigned char *out, std::size_
 #if QX_HEX_AVX2
 
 // Sixteen bytes from thirty-two hex digits per round, while at most `most`
-// bytes are stored and the 32 bytes at in lie within one page. The load may
-// read past the end of the text (never past its page, so it cannot fault);
-// a round with anything but hex digits is left to the caller, which stops at
-// the same character. Returns the bytes stored (a multiple of 16).
+// bytes are stored; the caller has made sure that the text holds 2 * most
+// characters before its end. A round with anything but hex digits is left to
+// the caller, which stops at the same character. Returns the bytes stored (a
+// multiple of 16).
 __attribute__((target("avx2"))) std::size_t decode_hex_avx2(const char *in, unsigned char *out,
                                                             std::size_t most) noexcept {
     std::size_t count = 0;
     for (; most - count >= 16; count += 16) {
         const char *p = in + 2 * count;
-        if ((reinterpret_cast<std::uintptr_t>(p) & 4095U) > 4096 - 32)
-            break;
         const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
         __m256i known;
         const __m256i values = run_values(c, hex_runs, known);
@@ -547,19 +531,24 @@ QX_API int hex_decode(const char *in, unsigned char *out, unsigned int outsize) 
     const unsigned int most = outsize - 1;
     unsigned int count = 0;
 #if QX_HEX_AVX2
-    const bool wide = most >= 16 && have_avx2();
+    // The wide loop reads whole rounds, so it is kept to the characters
+    // known to come before the text's end.
+    const unsigned int whole_pairs =
+        most >= 16 && have_avx2()
+            ? static_cast<unsigned int>(::strnlen(in, 2 * std::size_t{most}) / 2)
+            : 0;
 #endif
     while (count < most) {
 #if QX_HEX_AVX2
-        if (wide) {
+        if (count < whole_pairs) {
             count += static_cast<unsigned int>(
-                decode_hex_avx2(in + 2 * std::size_t{count}, out + count, most - count));
+                decode_hex_avx2(in + 2 * std::size_t{count}, out + count, whole_pairs - count));
             if (count == most)
                 break;
         }
 #endif
         // Pairs one by one: up to the digit that stopped the wide loop, or
-        // across the page boundary it would not load over.
+        // the last few before the end of the text.
         const unsigned int stop = most - count > 16 ? count + 16 : most;
         for (; count < stop; ++count) {
             const std::uint8_t high = hex_value(in[2 * std::size_t{count}]);

@@ -13,24 +13,6 @@
 #include "internal/guards.hpp"
 #include "internal/strbuf_growth.hpp"
 
-// The one-pass append of short strings reads past the end of the string
-// (never past its page), which the address sanitizer would rightly report;
-// sanitized builds take the general path.
-#if defined(__SANITIZE_ADDRESS__)
-#define QX_STRBUF_SHORT_APPEND 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define QX_STRBUF_SHORT_APPEND 0
-#endif
-#endif
-#if !defined(QX_STRBUF_SHORT_APPEND) && defined(__SSE2__)
-#include <emmintrin.h>
-#define QX_STRBUF_SHORT_APPEND 1
-#endif
-#ifndef QX_STRBUF_SHORT_APPEND
-#define QX_STRBUF_SHORT_APPEND 0
-#endif
-
 namespace qx::detail {
 
 namespace {
@@ -124,51 +106,15 @@ void strbuf_move(strbuf *to, strbuf *from) noexcept {
     *from = strbuf{};
 }
 
-#if QX_STRBUF_SHORT_APPEND
-
-// Appends a string shorter than 32 bytes in one pass when 32 bytes fit in the
-// room: the 32 bytes from str are loaded, the NUL found among them, and all
-// 32 stored. What lands after the NUL lies in the unused capacity, whose
-// contents are unspecified. The loads never leave str's page, so they cannot
-// fault; false sends the call to the general path.
-inline bool append_short(strbuf *sb, const char *str) noexcept {
-    constexpr std::size_t width = 32;
-    if (sb->size - sb->length < width ||
-        (reinterpret_cast<std::uintptr_t>(str) & 4095U) > 4096 - width)
-        return false;
-    const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i *>(str));
-    const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i *>(str + 16));
-    const __m128i zero = _mm_setzero_si128();
-    const auto nul_first = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(first, zero)));
-    const auto nul_second = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(second, zero)));
-    const unsigned nul = nul_first | nul_second << 16;
-    if (nul == 0)
-        return false;
-    char *end = sb->text + sb->length;
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(end), first);
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(end + 16), second);
-    sb->length += static_cast<std::size_t>(__builtin_ctz(nul));
-    return true;
-}
-
-#endif
-
 } // namespace qx::detail
 
 using qx::detail::strbuf_reserve;
-#if QX_STRBUF_SHORT_APPEND
-using qx::detail::append_short;
-#endif
 
 extern "C" {
 
 QX_API int strbuf_append(strbuf *sb, const char *str) {
     if (str == nullptr)
         return -1;
-#if QX_STRBUF_SHORT_APPEND
-    if (append_short(sb, str))
-        return 0;
-#endif
     const std::size_t n = std::strlen(str);
     if (strbuf_reserve(sb, n) != 0)
         return -1;
