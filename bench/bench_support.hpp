@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <malloc.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -45,29 +46,69 @@ inline long resident_kib() {
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
-// Peak resident set size of the process so far, in KiB.
+// The kernel's high-water mark of the resident set (VmHWM of
+// /proc/self/status), in KiB; 0 when it cannot be read.
+inline long high_water_kib() {
+    std::FILE *f = std::fopen("/proc/self/status", "r");
+    if (f == nullptr)
+        return 0;
+    char line[256];
+    long kib = 0;
+    while (std::fgets(line, sizeof line, f) != nullptr)
+        if (std::sscanf(line, "VmHWM: %ld", &kib) == 1)
+            break;
+    std::fclose(f);
+    return kib;
+}
+
+// Lowers the high-water mark to the present resident size, so that it then
+// tells the peak of what follows. Writing "5" to /proc/self/clear_refs does
+// that (Linux 4.0 and later); false when the kernel refused.
+inline bool reset_high_water() {
+    std::FILE *f = std::fopen("/proc/self/clear_refs", "w");
+    if (f == nullptr)
+        return false;
+    const bool written = std::fputs("5", f) >= 0;
+    return std::fclose(f) == 0 && written;
+}
+
+// Peak resident set size of the process so far, in KiB. ru_maxrss is not
+// used: Linux carries it over from the parent across fork and exec, so a
+// program started by a large parent would report the parent's peak.
 inline long peak_kib() {
+    const long hwm = high_water_kib();
+    if (hwm > 0)
+        return hwm;
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     return usage.ru_maxrss;
 }
 
-// Records the resident size when a case starts and reports, when it ends, the
-// process's peak ("peak_rss_mib") and how far the peak rose above that start
-// ("extra_rss_mib"). The peak never falls, so the second figure only means
-// something when the case runs alone in its process: bench/compare runs each
-// memory case that way.
+// Gives freed heap memory back to the system (malloc_trim) and resets the
+// high-water mark when a case starts and reports, when it ends,
+// the peak resident size ("peak_rss_mib") and how far it rose above the
+// resident size at the start ("extra_rss_mib"). Where the reset is refused
+// the peak may come from an earlier case of the same process: bench/compare
+// runs each memory case alone in its own process, which is right either way.
+// Without the trim, blocks freed by an earlier run of the same case would
+// still be resident at the start and hide what the case needs.
 class memory_meter {
   public:
-    memory_meter() : start_kib_(resident_kib()) {}
+    memory_meter() : reset_(trim_and_reset()), start_kib_(resident_kib()) {}
     void report(benchmark::State &state) const {
         const long peak = peak_kib();
         const long extra = peak > start_kib_ ? peak - start_kib_ : 0;
         state.counters["peak_rss_mib"] = static_cast<double>(peak) / 1024.0;
         state.counters["extra_rss_mib"] = static_cast<double>(extra) / 1024.0;
+        state.counters["rss_reset"] = reset_ ? 1 : 0;
     }
 
   private:
+    static bool trim_and_reset() {
+        malloc_trim(0);
+        return reset_high_water();
+    }
+    bool reset_;
     long start_kib_;
 };
 

@@ -77,6 +77,7 @@ void jproc_step_qx(benchmark::State &state) {
         state.SkipWithError("the pattern did not compile");
         return;
     }
+    const qx_bench::memory_meter meter;
     for (auto _ : state) {
         std::uint64_t sum = 0;
         std::size_t steps = 0;
@@ -97,6 +98,7 @@ void jproc_step_qx(benchmark::State &state) {
     }
     jproc_free(jp);
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * doc.records));
+    meter.report(state);
 }
 
 const json_value *member(const json_value *object, const char *name) {
@@ -121,6 +123,7 @@ void jproc_step_hand(benchmark::State &state) {
         state.SkipWithError("the document did not parse");
         return;
     }
+    const qx_bench::memory_meter meter;
     for (auto _ : state) {
         std::uint64_t sum = 0;
         std::size_t seen = 0;
@@ -147,6 +150,7 @@ void jproc_step_hand(benchmark::State &state) {
         benchmark::DoNotOptimize(sum);
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * doc.records));
+    meter.report(state);
 }
 
 BENCHMARK(jproc_step_qx)->Name("jproc_step/qx")->Unit(benchmark::kMillisecond);
