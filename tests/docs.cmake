@@ -53,3 +53,10 @@ if(QX_ABIDIFF)
 else()
     message(STATUS "abidiff not found: the ABI baseline test is left out")
 endif()
+
+# The README's first program compiles as shown and prints what it says.
+add_test(NAME docs.readme_first_program_runs_as_shown
+    COMMAND ${QX_DOCS_SCRIPTS}/check_readme_example.sh ${CMAKE_C_COMPILER}
+        ${PROJECT_SOURCE_DIR}/include $<TARGET_FILE:qxcommon-util>
+        ${PROJECT_SOURCE_DIR}/README.md ${CMAKE_CURRENT_BINARY_DIR}/readme-example
+        ${QX_EXAMPLE_FLAGS})
