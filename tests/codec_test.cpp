@@ -194,6 +194,16 @@ TEST(Base32Decode, DropsBitsOfAGroupThatEndsEarly) {
     }
 }
 
+TEST(Base32Decode, RefusesAGroupThatEndsEarlyWhenItsNulDoesNotFit) {
+    // "MZX" is fifteen bits: one byte, which with its NUL needs two places.
+    for (const char *input : {"MZX", "MZXW6YT"}) {
+        const auto in = c_string(input);
+        const std::size_t bytes = std::strlen(input) * 5 / 8;
+        std::vector<unsigned char> out(bytes, 'x');
+        EXPECT_EQ(base32_decode(in.data(), out.data(), static_cast<int>(bytes)), -1) << input;
+    }
+}
+
 TEST(Base32Decode, GivesTheRfcVectorsBackWithAndWithoutPadding) {
     for (const auto &v : rfc_vectors) {
         const std::size_t n = std::strlen(v.bytes);
@@ -476,6 +486,17 @@ TEST(HexDecode, FillsAnOutputOfExactlyTheNeededSize) {
     std::vector<unsigned char> short_by_one(3, 'x');
     EXPECT_EQ(hex_decode(in.data(), short_by_one.data(), 3), 2);
     EXPECT_EQ(std::string(short_by_one.begin(), short_by_one.end()), "AB\0"s);
+}
+
+TEST(HexDecode, IgnoresAnOddLastDigitAtAndOneBelowTheNeededSize) {
+    // Two whole pairs and a lone digit: two bytes and the NUL need three.
+    const auto in = c_string("41424");
+    std::vector<unsigned char> exact(3, 'x');
+    EXPECT_EQ(hex_decode(in.data(), exact.data(), 3), 2);
+    EXPECT_EQ(std::string(exact.begin(), exact.end()), "AB\0"s);
+    std::vector<unsigned char> short_by_one(2, 'x');
+    EXPECT_EQ(hex_decode(in.data(), short_by_one.data(), 2), 1);
+    EXPECT_EQ(std::string(short_by_one.begin(), short_by_one.end()), "A\0"s);
 }
 
 TEST(HexDecode, StopsAtTheFirstInvalidPair) {

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <regex>
 #include <string>
+#include <ctime>
+#include <sys/time.h>
 #include <syslog.h>
 
 #include "qxcommon-util/error.h"
@@ -154,6 +156,27 @@ TEST_F(DebugLevel, DebugTmPrefixesTheLocalTimeWithMicroseconds) {
         R"(^[A-Z][a-z]{2} [0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6} started 3$)");
     EXPECT_TRUE(std::regex_match(out, shape)) << out;
     EXPECT_EQ(stderr_of([] { qx_debug_tm(1, "hidden"); }), "");
+}
+
+TEST_F(DebugLevel, DebugTmStampIsTheLocalTimeOfTheCall) {
+    timeval before{};
+    timeval after{};
+    gettimeofday(&before, nullptr);
+    const std::string out = stderr_of([] { qx_debug_tm(0, "x"); });
+    gettimeofday(&after, nullptr);
+    ASSERT_GT(out.size(), 9U);
+    // "%b %d %H:%M:%S" of one of the seconds the call ran in, then the
+    // point, six digits of microseconds, a blank and the text.
+    const std::string stamp = out.substr(0, out.size() - 9);
+    EXPECT_EQ(out.substr(out.size() - 9, 1), ".");
+    EXPECT_EQ(out.substr(out.size() - 2), " x");
+    bool matched = false;
+    for (time_t t = before.tv_sec; t <= after.tv_sec; ++t) {
+        char expected[100];
+        std::strftime(expected, sizeof expected, "%b %d %H:%M:%S", std::localtime(&t));
+        matched = matched || stamp == expected;
+    }
+    EXPECT_TRUE(matched) << out;
 }
 
 TEST_F(Syslog, DebugPriorityIsDroppedOnlyAtDebugLevelZero) {

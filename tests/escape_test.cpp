@@ -98,6 +98,22 @@ TEST_F(UrlEncode, MakesRoomForThreeTimesTheLength) {
     EXPECT_EQ(text_of(sb), expected);
 }
 
+TEST_F(UrlEncode, WalksOldBytesBeyondALengthOfZeroWithinItsRoom) {
+    // A translation that deletes everything leaves length 0 and the old
+    // bytes unterminated; the encoding walks them to their NUL.
+    set(std::string(400, '/'));
+    ASSERT_EQ(strbuf_translate(&sb, "/", nullptr), 0);
+    ASSERT_EQ(sb.length, 0U);
+    EXPECT_EQ(strbuf_urlencode(&sb), 0);
+    std::string expected;
+    for (int i = 0; i < 400; ++i)
+        expected += "%2f";
+    EXPECT_EQ(sb.length, 1200U);
+    EXPECT_EQ(text_of(sb), expected);
+    EXPECT_EQ(sb.text[1200], '\0');
+    EXPECT_EQ(sb.size, 2047U);
+}
+
 TEST_F(UrlEncode, EmptiesTheTextAndKeepsTheLengthOnMemoryFailure) {
     const long allocations = qx_test::sweep_allocation_failures([&](long n) {
         set(std::string(400, '/'));
@@ -327,12 +343,34 @@ TEST_F(XmlEncoded, PassesOnAFailedAppendAndEndsTheWalk) {
     EXPECT_EQ(text_of(sb), std::string(1021, '.') + "a");
 }
 
-TEST_F(XmlEncoded, DoesNotExamineTheAppendOfAHexReference) {
+TEST_F(XmlEncoded, ReturnsAFailedHexReferenceWhenItIsTheLastAppend) {
     EXPECT_EQ(qx_test::call_with_failing_allocation(
                   0, [&] { return strbuf_append_xmlencoded(&sb, "\xC3\xA9"); }),
-              0);
+              -1);
     EXPECT_TRUE(qx_test::allocation_was_failed());
     EXPECT_EQ(sb.text, nullptr);
+    EXPECT_EQ(sb.length, 0U);
+}
+
+TEST_F(XmlEncoded, GoesOnAfterAFailedHexReference) {
+    // The reference is missing; the appends after it are made, and the
+    // last of them gives the result.
+    EXPECT_EQ(qx_test::call_with_failing_allocation(
+                  0, [&] { return strbuf_append_xmlencoded(&sb, "\xC3\xA9<a"); }),
+              0);
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(text_of(sb), "&lt;a");
+}
+
+TEST_F(XmlEncoded, ADroppedControlByteDoesNotChangeTheResult) {
+    // Nothing is appended for the vertical tab, so the failed reference is
+    // still the last append made.
+    EXPECT_EQ(qx_test::call_with_failing_allocation(
+                  0, [&] { return strbuf_append_xmlencoded(&sb, "\xC3\xA9\v"); }),
+              -1);
+    EXPECT_EQ(sb.text, nullptr);
+    set("");
+    EXPECT_EQ(strbuf_append_xmlencoded(&sb, "\v\x01\x1F"), 0);
     EXPECT_EQ(sb.length, 0U);
 }
 

@@ -320,7 +320,7 @@ TEST_F(Process, OutputArrivesByteForByteIncludingNulAndHighBytes) {
     ASSERT_NE(proc, nullptr);
     std::string expected("a\0b\xff\r\n", 6);
     for (int i = 0; i < 70000; ++i)
-        expected.push_back(static_cast<char>('a' + (i % 4096) % 26));
+        expected.push_back(static_cast<char>('a' + i % 26));
     expected.push_back('\0');
     EXPECT_EQ(read_to_end(process_read_fd(proc)), expected);
     close_expecting(proc, 0);

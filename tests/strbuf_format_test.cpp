@@ -122,16 +122,47 @@ TEST(StrbufPutf, ReplacesTheText) {
     EXPECT_EQ(sb.length, 3U);
 }
 
-TEST(StrbufPutf, FailureLeavesLengthZero) {
+TEST(StrbufPutf, FailureLeavesLengthZeroAndTheOldBytesInPlace) {
     owned_strbuf sb("old text");
     const char *before = sb.text;
     const std::string big(3000, 'x');
     const int result = qx_test::call_with_failing_allocation(
         0, [&] { return strbuf_putf(&sb, "%s", big.c_str()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
     EXPECT_EQ(result, -1);
     EXPECT_EQ(sb.length, 0U);
     EXPECT_EQ(sb.text, before);
     EXPECT_EQ(sb.size, 1023U);
+    // As with strbuf_put: no NUL is written at position 0.
+    EXPECT_EQ(std::string(sb.text, 9), std::string("old text\0", 9));
+}
+
+TEST(StrbufPutf, GrowsFromTheOldSizeLikeAnAppend) {
+    owned_strbuf sb("old text");
+    const std::string big(3000, 'x');
+    ASSERT_EQ(strbuf_putf(&sb, "%s", big.c_str()), 0);
+    EXPECT_EQ(sb.size, 4095U); // (3000 + 1023 + 1) with the ten low bits set
+    EXPECT_EQ(sb.length, 3000U);
+    EXPECT_EQ(sb.str(), big);
+    EXPECT_EQ(sb.text[3000], '\0');
+}
+
+TEST(StrbufPutf, OnAZeroRecordAllocatesOneKibibyteLessOne) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_putf(&sb, "%s", "x"), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_STREQ(sb.text, "x");
+}
+
+TEST(StrbufPutf, TextOfSizeMinusOneBytesFitsInPlace) {
+    owned_strbuf sb("old");
+    const char *before = sb.text;
+    ASSERT_EQ(strbuf_putf(&sb, "%s", std::string(1022, 'y').c_str()), 0);
+    EXPECT_EQ(sb.text, before);
+    EXPECT_EQ(sb.size, 1023U);
+    ASSERT_EQ(strbuf_putf(&sb, "%s", std::string(1023, 'y').c_str()), 0);
+    EXPECT_EQ(sb.size, 2047U); // (1023 + 1023 + 1) with the ten low bits set
+    EXPECT_EQ(sb.length, 1023U);
 }
 
 TEST(StrbufPrependf, PutsFormattedTextInFront) {

@@ -151,6 +151,18 @@ TEST(StrbufNappend, ZeroBytesOnZeroRecordAllocatesAndTerminates) {
     EXPECT_EQ(sb.text[0], '\0');
 }
 
+TEST(StrbufNappend, FailedGrowthLeavesTheBufferUnchanged) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_nappend(&sb, "a\0b", 3), 0);
+    const snapshot before(sb);
+    const std::string big(1021, 'n'); // one more than the room of 1020
+    const int result = qx_test::call_with_failing_allocation(
+        0, [&] { return strbuf_nappend(&sb, big.data(), big.size()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, -1);
+    expect_unchanged(sb, before);
+}
+
 TEST(StrbufNappend, SizeThatWouldWrapAroundFailsUnchanged) {
     owned_strbuf sb;
     ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
@@ -184,6 +196,14 @@ TEST(StrbufPrepend, WorksOnAZeroRecord) {
     EXPECT_STREQ(sb.text, "only");
     EXPECT_EQ(sb.length, 4U);
     EXPECT_EQ(sb.size, 1023U);
+}
+
+TEST(StrbufPrepend, EmptyStringOnAZeroRecordAllocates) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_prepend(&sb, ""), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_STREQ(sb.text, "");
 }
 
 TEST(StrbufPrepend, GrowsWithRuleAAndMovesTheOldText) {
@@ -222,6 +242,29 @@ TEST(StrbufPut, NullStringFailsWithLengthZeroAndTheOldBytesInPlace) {
     EXPECT_EQ(strbuf_put(&sb, nullptr), -1);
     EXPECT_EQ(sb.length, 0U);
     EXPECT_STREQ(sb.text, "hello");
+}
+
+TEST(StrbufPut, FailedGrowthLeavesLengthZeroAndTheOldBytesInPlace) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "hello"), 0);
+    const char *before = sb.text;
+    const std::string big(1023, 'p'); // needs 1024 bytes with its NUL
+    const int result =
+        qx_test::call_with_failing_allocation(0, [&] { return strbuf_put(&sb, big.c_str()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(sb.length, 0U);
+    EXPECT_EQ(sb.text, before);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_STREQ(sb.text, "hello");
+}
+
+TEST(StrbufPut, GrowsFromTheOldSize) {
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "hello"), 0);
+    ASSERT_EQ(strbuf_put(&sb, std::string(1023, 'p').c_str()), 0);
+    EXPECT_EQ(sb.size, 2047U); // (1023 + 1023 + 1) | 1023
+    EXPECT_EQ(sb.length, 1023U);
 }
 
 TEST(StrbufSetlength, ShorterLengthCutsWithANul) {
@@ -467,6 +510,32 @@ TEST(QxString, ClearOnANeverGrownRecordAllocates) {
     ASSERT_EQ(qx_string_clear(sb), 0);
     EXPECT_STREQ(sb->text, "");
     EXPECT_EQ(sb->length, 0U);
+    qx_string_delete(sb);
+}
+
+TEST(QxString, ClearThatCannotAllocateFailsAndLeavesTheRecordZero) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    const int result =
+        qx_test::call_with_failing_allocation(0, [&] { return qx_string_clear(sb); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(sb->text, nullptr);
+    EXPECT_EQ(sb->length, 0U);
+    EXPECT_EQ(sb->size, 0U);
+    qx_string_delete(sb);
+}
+
+TEST(QxString, ClearKeepsTheCapacity) {
+    strbuf *sb = qx_string_new();
+    ASSERT_NE(sb, nullptr);
+    ASSERT_EQ(strbuf_append(sb, std::string(3000, 'c').c_str()), 0);
+    const char *before = sb->text;
+    ASSERT_EQ(qx_string_clear(sb), 0);
+    EXPECT_EQ(sb->text, before);
+    EXPECT_EQ(sb->size, 3071U);
+    EXPECT_EQ(sb->length, 0U);
+    EXPECT_EQ(qx_string_is_empty(sb), 1);
     qx_string_delete(sb);
 }
 

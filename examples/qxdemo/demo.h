@@ -12,5 +12,6 @@ int demo_ini(void);
 int demo_config(void);
 int demo_files(void);
 int demo_osinfo(void);
+int demo_service(void);
 
 #endif

@@ -29,6 +29,7 @@ int main(int argc, char **argv) {
         {"key=value settings", demo_config},
         {"copies, directory trees and temporary files", demo_files},
         {"OS release information", demo_osinfo},
+        {"a service start: one instance, a command with a time limit", demo_service},
     };
     int failures = 0;
     size_t i;

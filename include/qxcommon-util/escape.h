@@ -28,7 +28,9 @@ QX_API int strbuf_urldecode(strbuf *sb);
  * carriage return, "&#x...;" for a UTF-8 sequence; tab and line feed stay,
  * other control bytes are dropped. A byte that does not start a valid
  * sequence gives "&#<byte>;", and the byte where decoding stopped is
- * skipped with it. -1 when an append fails, or for a NULL s. */
+ * skipped with it. Returns the result of the last append made: a failed
+ * append ends the walk with -1, except a failed "&#x...;", after which the
+ * walk goes on (-1 only when nothing is appended after it). -1 for a NULL s. */
 QX_API int strbuf_append_xmlencoded(strbuf *sb, const char *s);
 
 /* Replaces the text by its quoted form. With special, each byte found in it

@@ -76,8 +76,8 @@ int append_byte(strbuf *sb, unsigned char c) noexcept {
     return strbuf_nappend(sb, &c, 1);
 }
 
-// Appends one byte below 0x80 in its XML form; control bytes other than
-// tab, line feed and carriage return are dropped and give 0.
+// Appends one byte from 32 to 127, or a tab, line feed or carriage return,
+// in its XML form.
 int append_xml_ascii(strbuf *sb, unsigned char c) {
     switch (c) {
     case '&':
@@ -92,7 +92,7 @@ int append_xml_ascii(strbuf *sb, unsigned char c) {
     case '\r':
         return strbuf_appendf(sb, "&#%d;", c);
     default:
-        return c < 32 ? 0 : append_byte(sb, c);
+        return append_byte(sb, c);
     }
 }
 
@@ -154,8 +154,11 @@ extern "C" {
 
 QX_API int strbuf_urlencode(strbuf *sb) {
     const unique_malloc<char> copy(::strdup(sb->text != nullptr ? sb->text : ""));
-    // Every byte may take three: the buffer is sized for that first.
-    if (copy == nullptr || sb->length > SIZE_MAX / 3 || strbuf_setlength(sb, 3 * sb->length) != 0) {
+    // Every byte may take three: the buffer is sized for that first. The walk
+    // goes to the copy's NUL, which after strbuf_put of NULL or a translation
+    // that deleted everything lies beyond length; the room covers it too.
+    const std::size_t walked = copy == nullptr ? 0 : std::max(sb->length, std::strlen(copy.get()));
+    if (copy == nullptr || walked > SIZE_MAX / 3 || strbuf_setlength(sb, 3 * walked) != 0) {
         // The text is emptied while length stays; callers have always seen
         // a failed encoding this way.
         if (sb->text != nullptr)
@@ -187,32 +190,42 @@ QX_API int strbuf_urldecode(strbuf *sb) {
 QX_API int strbuf_append_xmlencoded(strbuf *sb, const char *s) {
     if (s == nullptr)
         return -1;
+    // The result is that of the last append made; a dropped control byte
+    // makes none and leaves it as it was.
+    int result = 0;
     const char *p = s;
     while (*p != '\0') {
         const auto c = static_cast<unsigned char>(*p);
         if (c < 0x80) {
-            if (append_xml_ascii(sb, c) != 0)
-                return -1;
+            if (c < 32 && c != '\t' && c != '\n' && c != '\r') {
+                ++p; // dropped without trace
+                continue;
+            }
+            result = append_xml_ascii(sb, c);
+            if (result != 0)
+                return result;
             ++p;
             continue;
         }
         const char *stop = p;
         if (const unsigned int cp = utf8toint(&stop); cp != 0) {
-            // The result of this append has never been examined; a failed
-            // reference is simply missing from the output.
-            (void)strbuf_appendf(sb, "&#x%X;", cp);
+            // A failed reference does not end the walk: it is missing from
+            // the output, and it is the result only if nothing is appended
+            // after it. Callers have always seen it so.
+            result = strbuf_appendf(sb, "&#x%X;", cp);
             p = stop;
             continue;
         }
-        if (strbuf_appendf(sb, "&#%d;", c) != 0)
-            return -1;
+        result = strbuf_appendf(sb, "&#%d;", c);
+        if (result != 0)
+            return result;
         // The byte on which decoding stopped goes with the bad lead byte; it
         // is lost on purpose. Only the terminating NUL is never skipped.
         if (*stop == '\0')
             break;
         p = stop + 1;
     }
-    return 0;
+    return result;
 }
 
 QX_API int strbuf_quote(strbuf *sb, const char *special) {

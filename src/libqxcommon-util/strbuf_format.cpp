@@ -67,6 +67,28 @@ bool append_substitution(strbuf *out, const char *segment, const char *placehold
     return value == nullptr || strbuf_append(out, value) == 0;
 }
 
+// strbuf_vappendf on a text whose length was just set to 0, growing first
+// when the text will not fit: the measuring pass then writes nothing over the
+// old bytes, which a failed growth leaves in place, as strbuf_put does. The
+// sizes are those strbuf_vappendf would give.
+int replace_formatted(strbuf *sb, const char *format, va_list ap) {
+    va_list measure;
+    va_copy(measure, ap);
+    const std::size_t count = as_count(std::vsnprintf(nullptr, 0, format, measure));
+    va_end(measure);
+    if (count >= sb->size - sb->length) {
+        const std::size_t newsize = round_to_kib_less_one(count + sb->size + 1);
+        if (newsize < sb->size)
+            return -1;
+        void *block = std::realloc(sb->text, newsize);
+        if (block == nullptr)
+            return -1;
+        sb->text = static_cast<char *>(block);
+        sb->size = newsize;
+    }
+    return strbuf_vappendf(sb, format, ap);
+}
+
 } // namespace
 
 extern "C" {
@@ -108,7 +130,7 @@ QX_API int strbuf_putf(strbuf *sb, const char *format, ...) {
     sb->length = 0;
     va_list ap;
     va_start(ap, format);
-    const int result = strbuf_vappendf(sb, format, ap);
+    const int result = replace_formatted(sb, format, ap);
     va_end(ap);
     return result;
 }
