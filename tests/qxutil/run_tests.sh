@@ -161,6 +161,14 @@ group_general() {
     q ini get some.ini section key --help
     expect_help "usage: qxutil ini get FILE SECTION KEY [DEFAULT]"
 
+    check "a failed write to standard output is an error"
+    if [ -w /dev/full ]; then
+        "$QX" encode hex foo >/dev/full 2>"$T/err"
+        status=$?
+        expect_status 1
+        expect_err "qxutil encode hex: cannot write to standard output: No space left on device"
+    fi
+
     check "run documents the timeout status in its help"
     q run --help
     grep -q '124 when the time limit ran out' "$T/out" || fail "124 is not documented"

@@ -1,5 +1,6 @@
 /* qxutil: the library's main jobs from a shell, and a way to see exactly
  * how the library reads a file. */
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -36,6 +37,17 @@ struct command {
     qxu_command_fn run;
 };
 
+/* Output is buffered, so a full disk or a closed descriptor shows only
+ * when it is flushed: a command that could not say everything failed. */
+static int finish(int status) {
+    if (fflush(stdout) != 0 || ferror(stdout)) {
+        qxu_fail("cannot write to standard output: %s", strerror(errno));
+        if (status == QXU_OK)
+            status = QXU_FAILED;
+    }
+    return status;
+}
+
 int main(int argc, char **argv) {
     static const struct command commands[] = {
         {"ini", qxu_ini},
@@ -56,11 +68,11 @@ int main(int argc, char **argv) {
         return qxu_usage_error("missing command");
     if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0 ||
         strcmp(argv[1], "help") == 0)
-        return qxu_print_help(overview);
+        return finish(qxu_print_help(overview));
     for (i = 0; i < sizeof commands / sizeof commands[0]; ++i) {
         if (strcmp(argv[1], commands[i].name) == 0) {
             qxu_set_command(commands[i].name, NULL);
-            return commands[i].run(argc - 2, argv + 2);
+            return finish(commands[i].run(argc - 2, argv + 2));
         }
     }
     return qxu_usage_error("unknown command '%s'", argv[1]);
