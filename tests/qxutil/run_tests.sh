@@ -385,6 +385,27 @@ group_ini() {
     expect_status 0
     expect_file "$T/del.ini" '[b]\ny=2\n'
 
+    check "ini delete of the unnamed section also removes the first header and its section"
+    printf '[a]\nx=1\n[b]\ny=2\n' >"$T/unnamed.ini"
+    q ini delete "$T/unnamed.ini" ""
+    expect_status 0
+    expect_file "$T/unnamed.ini" '[b]\ny=2\n'
+
+    check "ini set under a header on the last line leaves an empty line before the key"
+    printf '[a]\n' >"$T/last.ini"
+    q ini set "$T/last.ini" a k v
+    expect_file "$T/last.ini" '[a]\n\nk=v\n'
+
+    check "ini set in an empty file starts with an empty line"
+    : >"$T/zero.ini"
+    q ini set "$T/zero.ini" s k v
+    expect_file "$T/zero.ini" '\n[s]\nk=v\n'
+
+    check "ini set keeps carriage returns and ends new lines with a line feed only"
+    printf '[a]\r\nx=1\r\n' >"$T/crlf.ini"
+    q ini set "$T/crlf.ini" a y 2
+    expect_file "$T/crlf.ini" '[a]\r\nx=1\r\ny=2\n'
+
     check "ini delete in a missing file succeeds and creates nothing"
     q ini delete "$T/absent.ini" a x
     expect_status 0
@@ -588,6 +609,11 @@ group_run() {
     expect_status 3
     expect_lines "out"
     expect_err "err"
+
+    check "run passes on output as the library collects it: a NUL byte ends its chunk"
+    q run -- /bin/sh -c 'printf "a\\000b"'
+    expect_status 0
+    expect_fmt 'a'
 
     check "run looks a program without a slash up on PATH"
     q run -- sh -c 'echo found'
