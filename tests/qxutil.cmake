@@ -8,3 +8,19 @@ if(TARGET qxutil)
         set_tests_properties(qxutil.${group} PROPERTIES TIMEOUT 120)
     endforeach()
 endif()
+
+# The tool goes into the binary directory with the component "tools", and
+# runs there against the library installed beside it.
+if(TARGET qxutil)
+    add_test(NAME qxutil.installs_with_the_tools_component
+        COMMAND sh -c [=[
+            set -e
+            prefix=$(mktemp -d "${TMPDIR:-/tmp}/qxutil-install.XXXXXX")
+            trap 'rm -rf "$prefix"' EXIT
+            cmake --install "$1" --prefix "$prefix" --component tools >/dev/null
+            cmake --install "$1" --prefix "$prefix" --component runtime >/dev/null
+            test -x "$prefix/$2/qxutil"
+            LD_LIBRARY_PATH="$prefix/$3" "$prefix/$2/qxutil" encode hex qx | grep -qx 7178
+        ]=] sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
+    set_tests_properties(qxutil.installs_with_the_tools_component PROPERTIES TIMEOUT 120)
+endif()
