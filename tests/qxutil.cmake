@@ -24,3 +24,11 @@ if(TARGET qxutil)
         ]=] sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
     set_tests_properties(qxutil.installs_with_the_tools_component PROPERTIES TIMEOUT 120)
 endif()
+
+# The manual page's source must stay valid scdoc where scdoc is installed.
+find_program(QX_SCDOC scdoc)
+if(QX_SCDOC)
+    add_test(NAME qxutil.manual_page_is_valid_scdoc
+        COMMAND sh -c [=[page=$("$1" <"$2") && printf '%s\n' "$page" | grep -qx '.SH COMMANDS']=]
+            sh ${QX_SCDOC} ${PROJECT_SOURCE_DIR}/man/qxutil.1.scd)
+endif()
