@@ -1,6 +1,6 @@
-# The process suite can make fork(2) fail.
+# The process suite can make the start of a child process fail.
 if(TARGET forkandexec_test)
-    target_sources(forkandexec_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/fork_fail.cpp)
+    target_sources(forkandexec_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/start_fail.cpp)
     # The one test that needs thirty seconds of silence skips itself unless
     # QX_SLOW_TESTS is set; it runs here on its own, labelled slow, with room
     # for the sanitizer build.

@@ -26,7 +26,7 @@
 #include "qxcommon-util/forkandexec.h"
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
-#include "support/fork_fail.hpp"
+#include "support/start_fail.hpp"
 #include "support/heap_usage.hpp"
 #include "support/syslog_capture.hpp"
 #include "support/temp_dir.hpp"
@@ -200,6 +200,26 @@ class sigchld_disposition {
   private:
     struct sigaction saved_ {};
 };
+
+// Sets a disposition of one signal for the life of the object.
+class signal_disposition {
+  public:
+    signal_disposition(int number, void (*handler)(int)) : number_(number) {
+        struct sigaction action {};
+        action.sa_handler = handler;
+        sigemptyset(&action.sa_mask);
+        sigaction(number_, &action, &saved_);
+    }
+    ~signal_disposition() { sigaction(number_, &saved_, nullptr); }
+    signal_disposition(const signal_disposition &) = delete;
+    signal_disposition &operator=(const signal_disposition &) = delete;
+
+  private:
+    int number_;
+    struct sigaction saved_ {};
+};
+
+void ignoring_handler(int) {}
 
 // Every test runs with a caller's mask that blocks SIGUSR2, and with a
 // standard input of its own: a pipe holding "pending" whose write end stays
@@ -589,6 +609,34 @@ TEST_F(ForkAndExec, ClosedStandardInputMakesTheChildEndWithStatusOne) {
 
 // ---- plain family: signals --------------------------------------------------
 
+TEST_F(ForkAndExec, TheCommandKeepsIgnoredSignalsIgnoredAndCaughtOnesAtTheirDefault) {
+    // execv keeps an ignored signal ignored and puts a caught one back to
+    // its default; the start must not change either.
+    signal_disposition ignored(SIGUSR1, SIG_IGN);
+    signal_disposition caught(SIGHUP, ignoring_handler);
+    command cmd({"disposition", std::to_string(SIGUSR1), "disposition", std::to_string(SIGHUP),
+                 "disposition", std::to_string(SIGTERM)});
+    char *out = nullptr;
+    std::size_t len = 0;
+    ASSERT_EQ(forkandexec(cmd.argv(), &out, &len), 0);
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(std::string(out, len), "ignore\ndefault\ndefault\n");
+    std::free(out);
+}
+
+TEST_F(ForkAndExec, AChildWhoseExecFailsLeavesTheCallersErrnoAsItWas) {
+    // Every call of the caller succeeds on this path; the child's failed
+    // execv is the child's own affair.
+    command cmd({}, missing_program);
+    char *out = nullptr;
+    std::size_t len = 0;
+    errno = EDOM;
+    EXPECT_EQ(forkandexec(cmd.argv(), &out, &len), 1);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(len, 0U);
+}
+
 TEST_F(ForkAndExec, TheCommandStartsWithTheCallersSignalMask) {
     command cmd({"blocked", std::to_string(SIGUSR2), "blocked", std::to_string(SIGCHLD)});
     char *out = nullptr;
@@ -700,14 +748,30 @@ TEST_F(ForkAndExec, ForkFailureRestoresTheMaskAndReturnsMinusOne) {
     char *out = nullptr;
     std::size_t len = 42;
     command cmd({"exit", "3"});
-    qx_test::fail_next_fork();
+    qx_test::fail_next_child_start();
     EXPECT_EQ(forkandexec_with_to(cmd.argv(), 2, &out, &len), -1);
-    EXPECT_TRUE(qx_test::fork_failure_delivered());
+    EXPECT_TRUE(qx_test::child_start_failure_delivered());
     EXPECT_EQ(out, nullptr);
     EXPECT_EQ(len, 42U);
     EXPECT_EQ(read_stdin(), "pending");
     EXPECT_TRUE(descriptors_unchanged());
     EXPECT_TRUE(syslog_is_empty());
+}
+
+TEST_F(ForkAndExec, AFailedStartLeavesItsReasonInErrno) {
+    command cmd({"exit", "3"});
+    errno = 0;
+    qx_test::fail_next_child_start();
+    EXPECT_EQ(forkandexec(cmd.argv(), nullptr, nullptr), -1);
+    ASSERT_TRUE(qx_test::child_start_failure_delivered());
+    EXPECT_EQ(errno, EAGAIN);
+    strbuf out{};
+    errno = 0;
+    qx_test::fail_next_child_start();
+    EXPECT_EQ(forkandexec_ex_with_to(cmd.argv(), 2, &out, nullptr), -1);
+    ASSERT_TRUE(qx_test::child_start_failure_delivered());
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_EQ(out.text, nullptr);
 }
 
 TEST_F(ForkAndExec, AFailedReallocEndsCollectionAndKeepsWhatWasRead) {
@@ -871,6 +935,28 @@ TEST_F(ForkAndExecEx, TheCommandInheritsTheDevNullDescriptorAndBothPipeWriteEnds
     strbuf_free(&out);
 }
 
+TEST_F(ForkAndExecEx, TheCommandKeepsIgnoredSignalsIgnoredAndCaughtOnesAtTheirDefault) {
+    signal_disposition ignored(SIGUSR1, SIG_IGN);
+    signal_disposition caught(SIGHUP, ignoring_handler);
+    command cmd({"disposition", std::to_string(SIGUSR1), "disposition", std::to_string(SIGHUP)});
+    strbuf out{};
+    ASSERT_EQ(forkandexec_ex(cmd.argv(), &out, nullptr), 0);
+    ASSERT_NE(out.text, nullptr);
+    EXPECT_STREQ(out.text, "ignore\ndefault\n");
+    strbuf_free(&out);
+}
+
+TEST_F(ForkAndExecEx, AChildWhoseExecFailsLeavesTheCallersErrnoAsItWas) {
+    command cmd({}, missing_program);
+    strbuf out{};
+    strbuf err{};
+    errno = EDOM;
+    EXPECT_EQ(forkandexec_ex_with_to(cmd.argv(), 5, &out, &err), 1);
+    EXPECT_EQ(errno, EDOM);
+    EXPECT_EQ(out.text, nullptr);
+    EXPECT_EQ(err.text, nullptr);
+}
+
 TEST_F(ForkAndExecEx, RunsTheCommandInAProcessGroupOfItsOwnWithTheCallersMask) {
     const std::string pidfile = dir_.file("child.pid");
     command cmd({"pidfile", pidfile, "pgid", "blocked", std::to_string(SIGUSR2), "blocked",
@@ -988,14 +1074,14 @@ TEST_F(ForkAndExecEx, SecondPipeFailureLeavesTheFirstPipesDescriptorsOpen) {
 TEST_F(ForkAndExecEx, ForkFailureRestoresTheMaskAndReturnsMinusOne) {
     command cmd({"exit", "3"});
     strbuf out{};
-    qx_test::fail_next_fork();
+    qx_test::fail_next_child_start();
     EXPECT_EQ(forkandexec_ex(cmd.argv(), &out, nullptr), -1);
-    EXPECT_TRUE(qx_test::fork_failure_delivered());
+    EXPECT_TRUE(qx_test::child_start_failure_delivered());
     EXPECT_EQ(out.text, nullptr);
     EXPECT_TRUE(descriptors_unchanged());
 }
 
-// ---- a forked child whose execv fails ----------------------------------------
+// ---- a started child whose execv fails ----------------------------------------
 
 int exit_log_fd = -1;
 
@@ -1006,7 +1092,7 @@ void log_exit() {
 
 TEST(ForkAndExecDeathTest, AChildWhoseExecFailsEndsItselfWithoutTheCallersExitHandlers) {
     // The caller registers an exit handler and ends with what the call gave.
-    // Had the forked child returned into the caller or ended with exit(3),
+    // Had the started child returned into the caller or ended with exit(3),
     // the handler would have run twice.
     temp_dir dir;
     const std::string log = dir.file("exits");

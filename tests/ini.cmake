@@ -2,17 +2,26 @@
 # and no call through the C interface can produce, so this suite compiles the
 # engine's source itself (with its test seam) and calls the internal
 # functions directly. The assertion messages then still name ini_engine.cpp.
-add_executable(ini_engine_contract_test
-    ${CMAKE_CURRENT_SOURCE_DIR}/internal/ini_engine_contract_test.cpp
-    ${PROJECT_SOURCE_DIR}/src/libqxcommon-util/ini_engine.cpp)
-target_include_directories(ini_engine_contract_test PRIVATE
-    ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src/libqxcommon-util
-    ${CMAKE_CURRENT_SOURCE_DIR})
-target_compile_definitions(ini_engine_contract_test PRIVATE
-    _GNU_SOURCE QX_INI_ENGINE_TEST_SEAMS
-    QX_TEST_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}")
-target_compile_options(ini_engine_contract_test PRIVATE -Wall -Wextra -UNDEBUG)
-target_link_libraries(ini_engine_contract_test PRIVATE
-    GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
-gtest_discover_tests(ini_engine_contract_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT 120)
+#
+# The suite is built twice: once as a debug build would compile the engine,
+# and once with NDEBUG defined, as the Release and RelWithDebInfo
+# configurations do, because the assertions must end the process in both.
+function(qx_add_ini_engine_contract_test target ndebug_flag prefix)
+    add_executable(${target}
+        ${CMAKE_CURRENT_SOURCE_DIR}/internal/ini_engine_contract_test.cpp
+        ${PROJECT_SOURCE_DIR}/src/libqxcommon-util/ini_engine.cpp)
+    target_include_directories(${target} PRIVATE
+        ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src/libqxcommon-util
+        ${CMAKE_CURRENT_SOURCE_DIR})
+    target_compile_definitions(${target} PRIVATE
+        _GNU_SOURCE QX_INI_ENGINE_TEST_SEAMS
+        QX_TEST_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}")
+    target_compile_options(${target} PRIVATE -Wall -Wextra ${ndebug_flag})
+    target_link_libraries(${target} PRIVATE
+        GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)
+    gtest_discover_tests(${target} TEST_PREFIX "${prefix}"
+        DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()
+
+qx_add_ini_engine_contract_test(ini_engine_contract_test -UNDEBUG "")
+qx_add_ini_engine_contract_test(ini_engine_contract_ndebug_test -DNDEBUG "NDEBUG.")

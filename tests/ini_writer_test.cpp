@@ -2,6 +2,7 @@
 // expected content, and every write is read back through the readers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <dlfcn.h>
 #include <climits>
@@ -37,6 +38,25 @@ extern "C" int fsetpos(FILE *stream, const fpos_t *pos) {
         std::fflush(stream);
     }
     return real_fsetpos(stream, pos);
+}
+
+// Records the fwrite calls on files while set, so that a test can see the
+// pieces in which the writer copies the kept lines; otherwise it only
+// forwards to the C library.
+static bool record_file_writes = false;
+static std::size_t largest_file_write = 0;
+static std::size_t total_file_writes = 0;
+static int file_write_count = 0;
+
+extern "C" size_t fwrite(const void *data, size_t size, size_t count, FILE *stream) {
+    using fwrite_function = size_t (*)(const void *, size_t, size_t, FILE *);
+    static const auto real_fwrite = reinterpret_cast<fwrite_function>(dlsym(RTLD_NEXT, "fwrite"));
+    if (record_file_writes && stream != stdout && stream != stderr) {
+        largest_file_write = std::max(largest_file_write, size * count);
+        total_file_writes += size * count;
+        ++file_write_count;
+    }
+    return real_fwrite(data, size, count, stream);
 }
 
 namespace {
@@ -499,6 +519,24 @@ TEST_F(IniWriter, WorksOnFilesLargerThan511Bytes) {
     EXPECT_EQ(get("second", "key119"), "value number 119");
 }
 
+TEST_F(IniWriter, CopiesKeptLinesInPiecesOfAtMost511Bytes) {
+    const std::string before = "[s]\n" + numbered_lines(1, 120) + "; " + std::string(1500, 'c') +
+                               "\n" + numbered_lines(121, 140);
+    write(before);
+    record_file_writes = true;
+    largest_file_write = total_file_writes = 0;
+    file_write_count = 0;
+    const int result = put("s", "new", "v");
+    record_file_writes = false;
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(content(), before + "new=v\n");
+    // Every kept byte is copied once, in pieces that fit the line buffer; a
+    // 511-byte piece of the long line fills one piece alone.
+    EXPECT_EQ(total_file_writes, before.size());
+    EXPECT_EQ(largest_file_write, 511u);
+    EXPECT_GE(static_cast<std::size_t>(file_write_count), (before.size() + 510) / 511);
+}
+
 TEST_F(IniWriter, NulBytesInTheFileAreCopiedUnchanged) {
     const std::string binary("; a\0b\n", 6);
     const std::string before = "[s]\n" + binary + std::string(600, '\0') + "\na=1\n" + binary;
@@ -542,6 +580,24 @@ TEST_F(IniWriter, TemporaryNameOfAFileNamedXIsATilde) {
     EXPECT_EQ(read_file("x"), "[s]\nk=2\n");
     EXPECT_EQ(ini_getl("s", "k", 0, "x"), 2);
     EXPECT_FALSE(file_exists("~"));
+}
+
+TEST_F(IniWriter, ReportsSuccessEvenWhenRemoveAndRenameFail) {
+    // A directory that is not empty opens for reading, reads as an empty file,
+    // and can be neither removed nor replaced by the temporary file.
+    const std::string conf = dir.file("conf.d");
+    const std::string temp = dir.file("conf.~");
+    ASSERT_EQ(mkdir(conf.c_str(), 0700), 0);
+    write_file(conf + "/keep", "x");
+
+    EXPECT_EQ(ini_puts("s", "k", "v", conf.c_str()), 1);
+    EXPECT_TRUE(file_exists(conf + "/keep"));
+    // The rewrite of an empty file, left under the temporary name.
+    EXPECT_EQ(read_file(temp), "\n[s]\nk=v\n");
+
+    EXPECT_EQ(ini_puts("s", nullptr, nullptr, conf.c_str()), 1);
+    EXPECT_EQ(read_file(temp), "");
+    EXPECT_TRUE(file_exists(conf + "/keep"));
 }
 
 TEST_F(IniWriter, StaleTemporaryFileIsOverwritten) {

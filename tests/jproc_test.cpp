@@ -225,6 +225,20 @@ TEST(JprocPrepare, FailsOnEveryKindOfError) {
     EXPECT_EQ(jproc_prepare(nullptr), nullptr);
 }
 
+TEST(JprocPrepare, FreesWhatNestedFormsBuiltWhenAnOuterFormFails) {
+    // Each pattern fails only after inner forms were complete; under the
+    // leak checker nothing of them may stay allocated.
+    const char *const broken[] = {
+        "{'a': [{'b': [?], 'c': ?}], 'd': {'e': ?}, 'f' ?}", // ":" missing last
+        "[{'a': [[?]], 'b': {'c': ?}} x]",                   // "]" missing at the end
+        "{'a': ?, 'b': {'c': [?], 'd': ?}",                  // outer "}" missing
+        "[[[{'a': ?}]]",                                     // outermost "]" missing
+        "{'a': [ ], 'b': [[ ]], 'c': {'d': [ ]}, 'e",        // unterminated last name
+    };
+    for (const char *pattern : broken)
+        EXPECT_EQ(prepare(pattern), nullptr) << '"' << pattern << '"';
+}
+
 TEST(JprocPrepare, ToleratesAMemberWhosePatternFails) {
     // The object ends at "b", which keeps no pattern; "c" is never read.
     jproc_ptr state = prepare("{'a': ?, 'b': x, 'c': ?}");
@@ -331,6 +345,14 @@ TEST(JprocStep, ThreeSiblingArraysGiveEachCombinationExactlyOnceInOrder) {
             for (const char *z : {"5", "6", "7"})
                 expected.push_back(std::string(x) + "," + y + "," + z);
     EXPECT_EQ(all_steps(state.get()), expected);
+}
+
+TEST(JprocStep, ArraysOfArraysBesideASiblingArrayGiveEveryCombinationOnce) {
+    // "b" is listed last and turns first, then the inner and the outer array
+    // of "a"; the inner arrays differ in length.
+    jproc_ptr state = open_on("{'a': [[?]], 'b': [?]}", R"({"b": ["x", "y"], "a": [[1, 2], [3]]})");
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(all_steps(state.get()), (steps{"1,x", "1,y", "2,x", "2,y", "3,x", "3,y"}));
 }
 
 TEST(JprocStep, OrderFollowsThePatternNotTheDocument) {

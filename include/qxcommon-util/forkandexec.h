@@ -6,6 +6,12 @@
  * standard input from /dev/null; it also inherits the /dev/null descriptor
  * and the pipe write ends as extra open descriptors.
  *
+ * The child is started without copying the caller's address space: the
+ * calling thread waits until the program has been executed (or the child
+ * has ended), so the cost of a start does not grow with the caller's memory.
+ * No fork handlers (pthread_atfork) run, and no signal handler of the caller
+ * ever runs in the child.
+ *
  * SIGCHLD is blocked for the duration of a call and the caller's mask is put
  * back before it returns. Output is collected until the pipes close, poll
  * fails, or 30 seconds pass without output; only then does the time limit
@@ -13,8 +19,9 @@
  * expires is logged at LOG_WARNING and its whole process group is killed.
  *
  * Result: the exit-status byte of the wait status (0 for a command ended by
- * a signal, 1 when execv failed), or -1 when a pipe or fork fails, the time
- * limit ran out, or, with a time limit, the child could not be waited for.
+ * a signal, 1 when execv failed), or -1 when a pipe cannot be created or
+ * the child cannot be started (errno tells why), the time limit ran out, or,
+ * with a time limit, the child could not be waited for.
  * Without a time limit a stop or continue of the child also ends the wait;
  * the result is then the stop signal, or 255 for a continue, and the child
  * is left unreaped. Nothing is written to standard error; qx_errno is not

@@ -7,7 +7,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
-#include <span>
+#include <sched.h>
+#include <sys/mman.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -75,25 +76,115 @@ struct child_outputs {
     int err = -1;
 };
 
-// Runs in the forked child: only async-signal-safe calls until execv.
-// Neither the /dev/null descriptor nor the pipe write ends are closed after
-// being duplicated; the program inherits them as extra descriptors.
-[[noreturn]] void become_command(char **argv, const sigset_t &old_mask,
-                                 std::span<const int> read_ends, child_outputs outputs) noexcept {
-    ::sigprocmask(SIG_SETMASK, &old_mask, nullptr);
-    for (const int fd : read_ends)
-        ::close(fd);
+// Everything the child needs, kept on the caller's stack: the child shares
+// our memory and we stay suspended until it has exec'd or ended.
+struct child_plan {
+    char **argv;
+    const sigset_t *caller_mask;
+    int read_ends[2];
+    int read_end_count;
+    child_outputs outputs;
+};
+
+// Runs in the child, on its own stack but in the caller's address space, with
+// every signal blocked. Only async-signal-safe calls: no allocation, no stdio,
+// no exit handlers. Not instrumented by the address sanitizer, whose runtime
+// would take the child's stack for a stray one of the caller's thread.
+// Caught signals go back to their default first, so that none of the
+// caller's handlers can run here once the caller's mask is back. Neither the
+// /dev/null descriptor nor the pipe write ends are closed after being
+// duplicated; the program inherits them as extra descriptors.
+__attribute__((no_sanitize_address)) int become_command(void *raw) noexcept {
+    const auto *plan = static_cast<const child_plan *>(raw);
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (signal == SIGKILL || signal == SIGSTOP)
+            continue;
+        struct sigaction current {};
+        current.sa_handler = SIG_DFL;
+        if (::sigaction(signal, nullptr, &current) != 0)
+            continue;
+        if (current.sa_handler == SIG_DFL || current.sa_handler == SIG_IGN)
+            continue;
+        struct sigaction fallback {};
+        fallback.sa_handler = SIG_DFL;
+        ::sigaction(signal, &fallback, nullptr);
+    }
+    ::sigprocmask(SIG_SETMASK, plan->caller_mask, nullptr);
+    for (int i = 0; i < plan->read_end_count; ++i)
+        ::close(plan->read_ends[i]);
     const int devnull = ::open("/dev/null", O_RDONLY | O_NOCTTY);
     // Deliberate: descriptor 0 counts as a failed open (callers get status
     // 1); -1 is not checked and simply makes the dup2 calls below fail.
     if (devnull == 0)
         ::_exit(1);
     ::dup2(devnull, STDIN_FILENO);
-    ::dup2(outputs.out >= 0 ? outputs.out : devnull, STDOUT_FILENO);
-    ::dup2(outputs.err >= 0 ? outputs.err : devnull, STDERR_FILENO);
+    ::dup2(plan->outputs.out >= 0 ? plan->outputs.out : devnull, STDOUT_FILENO);
+    ::dup2(plan->outputs.err >= 0 ? plan->outputs.err : devnull, STDERR_FILENO);
     ::setpgid(0, 0);
-    ::execv(argv[0], argv);
+    ::execv(plan->argv[0], plan->argv);
     ::_exit(1);
+}
+
+// The child's stack: mapped for one start and unmapped after it, with an
+// inaccessible page below it so that an overflow faults instead of writing
+// into whatever lies beneath.
+constexpr std::size_t child_stack_size = 64 * 1024;
+
+class child_stack {
+  public:
+    child_stack() noexcept {
+        guard_ = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+        void *base = ::mmap(nullptr, guard_ + child_stack_size, PROT_NONE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+        if (base == MAP_FAILED)
+            return;
+        auto *bytes = static_cast<char *>(base);
+        if (::mprotect(bytes + guard_, child_stack_size, PROT_READ | PROT_WRITE) != 0) {
+            ::munmap(base, guard_ + child_stack_size);
+            return;
+        }
+        base_ = bytes;
+    }
+    ~child_stack() {
+        if (base_ != nullptr) {
+            errno_keeper keep;
+            ::munmap(base_, guard_ + child_stack_size);
+        }
+    }
+    child_stack(const child_stack &) = delete;
+    child_stack &operator=(const child_stack &) = delete;
+
+    explicit operator bool() const noexcept { return base_ != nullptr; }
+    // Stacks grow down: the child starts at the high end.
+    void *top() const noexcept { return base_ + guard_ + child_stack_size; }
+
+  private:
+    char *base_ = nullptr;
+    std::size_t guard_ = 0;
+};
+
+// Starts the child without copying the caller's page tables: it borrows our
+// address space until its execv (or _exit), and we are suspended until then,
+// which is what lets it read the plan from our stack and lets us unmap its
+// stack as soon as this returns. Every signal is blocked around the start so
+// that no handler runs on the child's stack before it has reset them. Returns
+// the child's pid, or -1 with errno set when it could not be started.
+pid_t start_command(child_plan &plan) noexcept {
+    child_stack stack;
+    if (!stack)
+        return -1;
+    sigset_t everything;
+    sigset_t before;
+    sigfillset(&everything);
+    ::sigprocmask(SIG_SETMASK, &everything, &before);
+    // The child runs with our thread's errno; what its failing calls leave
+    // there is not the caller's business.
+    const int caller_errno = errno;
+    const pid_t pid = ::clone(become_command, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD, &plan);
+    const int start_errno = errno;
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    errno = pid < 0 ? start_errno : caller_errno;
+    return pid;
 }
 
 // Without a limit the wait also ends on a stop or continue; its status word
@@ -218,15 +309,12 @@ int forkandexec_common(char **argv, int timeout, char **out, std::size_t *outlen
         return -1;
     int status = 0;
     sigchld_block blocked;
-    const pid_t pid = ::fork();
+    child_plan plan{
+        argv, &blocked.old_mask(), {output.read, -1}, 1, {out != nullptr ? output.write : -1, -1}};
+    const pid_t pid = start_command(plan);
     if (pid < 0) {
         close_pipe(output);
         return -1;
-    }
-    if (pid == 0) {
-        const int read_ends[] = {output.read};
-        become_command(argv, blocked.old_mask(), read_ends,
-                       {out != nullptr ? output.write : -1, -1});
     }
     ::close(output.write);
     // Deliberate, long-standing behaviour that callers may depend on: the
@@ -251,16 +339,16 @@ int forkandexec_ex_common(char **argv, int timeout, strbuf *out, strbuf *err) no
         return -1;
     int status = 0;
     sigchld_block blocked;
-    const pid_t pid = ::fork();
+    child_plan plan{argv,
+                    &blocked.old_mask(),
+                    {output.read, errors.read},
+                    2,
+                    {out != nullptr ? output.write : -1, err != nullptr ? errors.write : -1}};
+    const pid_t pid = start_command(plan);
     if (pid < 0) {
         close_pipe(output);
         close_pipe(errors);
         return -1;
-    }
-    if (pid == 0) {
-        const int read_ends[] = {output.read, errors.read};
-        become_command(argv, blocked.old_mask(), read_ends,
-                       {out != nullptr ? output.write : -1, err != nullptr ? errors.write : -1});
     }
     ::close(output.write);
     ::close(errors.write);

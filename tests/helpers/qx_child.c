@@ -41,6 +41,10 @@
  *   exit CODE         end now with status CODE
  *   blocked NUMBER    write "1" if signal NUMBER is blocked in this process,
  *                     else "0", and a line feed to standard output
+ *   disposition NUMBER
+ *                     write "ignore", "default" or "handler" (what signal
+ *                     NUMBER does in this process) and a line feed to
+ *                     standard output
  *   nonblocking FD    write "1" if descriptor FD has O_NONBLOCK, "0" if not,
  *                     "-1" if it is not open, and a line feed to standard
  *                     output
@@ -236,6 +240,18 @@ static void report_blocked(int number) {
     write_all(1, sigismember(&current, number) == 1 ? "1\n" : "0\n", 2);
 }
 
+static void report_disposition(int number) {
+    struct sigaction current;
+    memset(&current, 0, sizeof current);
+    sigaction(number, NULL, &current);
+    if (current.sa_handler == SIG_IGN)
+        write_all(1, "ignore\n", 7);
+    else if (current.sa_handler == SIG_DFL)
+        write_all(1, "default\n", 8);
+    else
+        write_all(1, "handler\n", 8);
+}
+
 static void report_nonblocking(int fd) {
     int flags = fcntl(fd, F_GETFL);
     if (flags < 0)
@@ -335,6 +351,8 @@ int main(int argc, char **argv) {
             kill(getpid(), number);
         } else if (strcmp(action, "blocked") == 0) {
             report_blocked(atoi(operand(argv, &i, argc)));
+        } else if (strcmp(action, "disposition") == 0) {
+            report_disposition(atoi(operand(argv, &i, argc)));
         } else if (strcmp(action, "nonblocking") == 0) {
             report_nonblocking(atoi(operand(argv, &i, argc)));
         } else if (strcmp(action, "stop-until-continued") == 0) {
