@@ -653,6 +653,18 @@ group_run() {
     expect_no_out
     expect_err "qxutil run: /bin/sh did not finish within the time limit of 1 second and was killed"
 
+    check "run says why a program could not be started and exits with 125"
+    # With no descriptor left for the output pipe the start fails at once;
+    # descriptor 3 stays free for the loader (and the leak checker's exit).
+    (
+        for fd in 3 4 5 6 7 8 9; do eval "exec $fd>&-"; done
+        ulimit -n 4 && exec "$QX" run -- /bin/true
+    ) >"$T/out" 2>"$T/err"
+    status=$?
+    expect_status 125
+    expect_no_out
+    expect_err "qxutil run: /bin/true could not be started: Too many open files"
+
     check "run of a program not on PATH fails with 127"
     q run -- qxutil-no-such-program
     expect_status 127

@@ -16,7 +16,7 @@ enum {
     QXU_USAGE = 2,  /* bad arguments */
     /* run only: the command outlived its time limit and was killed */
     QXU_RUN_TIMED_OUT = 124,
-    /* run only: the command could not be started (pipe or fork failed) */
+    /* run only: the command could not be started (no pipe or no child) */
     QXU_RUN_NOT_STARTED = 125,
     /* run only: no such program (not executable, or not found on PATH) */
     QXU_RUN_NOT_FOUND = 127

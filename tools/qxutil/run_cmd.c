@@ -28,8 +28,8 @@ static const char run_help[] =
     "                   without output); 0 is no limit\n"
     "\n"
     "Exit status: the program's own; 124 when the time limit ran out (said on\n"
-    "standard error), 125 when the program could not be started (a pipe or fork\n"
-    "failed), 127 when PROGRAM was not found or is not executable, 2 for bad\n"
+    "standard error), 125 when the program could not be started (a pipe or the\n"
+    "child could not be made), 127 when PROGRAM was not found or is not executable, 2 for bad\n"
     "arguments.\n";
 
 static double now_seconds(void) {
@@ -88,7 +88,7 @@ static int run_program(char **argv, int timeout) {
     char *program = find_program(argv[0]);
     char *original = argv[0];
     double started;
-    int rc;
+    int rc, start_errno;
 
     if (program == NULL) {
         int saved = errno;
@@ -100,7 +100,9 @@ static int run_program(char **argv, int timeout) {
     }
     argv[0] = program;
     started = now_seconds();
+    errno = 0;
     rc = forkandexec_ex_with_to(argv, timeout, &out, &err);
+    start_errno = errno;
     argv[0] = original;
     fflush(stdout);
     qxu_write_all(stdout, out.text, out.length);
@@ -116,7 +118,8 @@ static int run_program(char **argv, int timeout) {
                  timeout, timeout == 1 ? "" : "s");
         return QXU_RUN_TIMED_OUT;
     }
-    qxu_fail("%s could not be run: a pipe or fork failed", original);
+    qxu_fail("%s could not be started: %s", original,
+             start_errno != 0 ? strerror(start_errno) : "a pipe or the child could not be made");
     return QXU_RUN_NOT_STARTED;
 }
 
