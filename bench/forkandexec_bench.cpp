@@ -18,14 +18,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "bench_support.hpp"
 #include "qxcommon-util/forkandexec.h"
 #include "qxcommon-util/strbuf.h"
 
 extern char **environ;
 
 namespace {
-
-constexpr std::size_t touched_heap_bytes = std::size_t{1} << 30;
 
 char true_path[] = "/bin/true";
 char *true_argv[] = {true_path, nullptr};
@@ -74,15 +73,21 @@ void BM_ForkExecvWaitpid(benchmark::State &state) {
     }
 }
 
-BENCHMARK(BM_ForkAndExecEx)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PosixSpawnWaitpid)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_ForkExecvWaitpid)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ForkAndExecEx)->Name("start/qx")->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PosixSpawnWaitpid)
+    ->Name("start/posix_spawn")
+    ->UseRealTime()
+    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ForkExecvWaitpid)->Name("start/fork")->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
 int main(int argc, char **argv) {
     // Touch every page so that the whole gigabyte is mapped and has page
     // table entries to copy; it stays allocated for the whole run.
+    // A smoke run only checks that the three starts work.
+    const std::size_t touched_heap_bytes =
+        qx_bench::scaled(std::size_t{1} << 30, 64 * qx_bench::mebibyte);
     auto *heap = static_cast<volatile char *>(std::malloc(touched_heap_bytes));
     if (heap == nullptr)
         return 1;

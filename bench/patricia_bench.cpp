@@ -7,7 +7,8 @@
 //   build/bench/bench/patricia_bench
 //
 // On a shared machine compare the CPU column: the wall-clock time also counts
-// the time the benchmark waited for a core.
+// the time the benchmark waited for a core. QX_BENCH_QUICK=1 shrinks the key
+// set for a smoke run; bench/compare turns the results into ratios.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -18,12 +19,17 @@
 #include <string>
 #include <vector>
 
+#include "bench_support.hpp"
 #include "qxcommon-util/patricia.h"
 
 namespace {
 
-constexpr std::size_t key_count = 1000000;
-constexpr std::size_t prefix_count = 20000;
+std::size_t key_count() {
+    return qx_bench::scaled(1000000, 50000);
+}
+std::size_t prefix_count() {
+    return qx_bench::scaled(20000, 2000);
+}
 
 // Keys of 6 to 20 bytes, every byte from 1 to 255, so that the trie sees
 // bytes at and above 0x80 as often as ASCII ones.
@@ -52,15 +58,15 @@ struct workload {
 const workload &the_workload() {
     static const workload w = [] {
         workload made;
-        made.keys = make_keys(1, key_count);
+        made.keys = make_keys(1, key_count());
         made.lookups = made.keys;
         std::mt19937 rng(2);
         std::shuffle(made.lookups.begin(), made.lookups.end(), rng);
         // At least 21 bytes: longer than any stored key, so never present.
-        made.misses = make_keys(3, key_count);
+        made.misses = make_keys(3, key_count());
         for (std::string &miss : made.misses)
             miss.append(15, 'x');
-        for (std::size_t i = 0; i < prefix_count; ++i)
+        for (std::size_t i = 0; i < prefix_count(); ++i)
             made.prefixes.push_back(made.lookups[i].substr(0, i % 10 == 0 ? 1 : 2));
         return made;
     }();
@@ -131,6 +137,7 @@ template <typename Set> const Set &filled() {
 
 template <typename Set> void insert_all(benchmark::State &state) {
     const workload &w = the_workload();
+    const qx_bench::memory_meter meter;
     for (auto _ : state) {
         Set set;
         fill(set, w);
@@ -139,6 +146,7 @@ template <typename Set> void insert_all(benchmark::State &state) {
         state.ResumeTiming();
     }
     state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * w.keys.size()));
+    meter.report(state);
 }
 
 template <typename Set> void contains_hits(benchmark::State &state) {
