@@ -47,8 +47,9 @@ QX_API int qx_rrmdir(const char *path);
 /* Creates and opens a new file named "<time>.<pid>.<attempt>" in dir (or
  * in the working directory when dir is NULL), with flags | O_CREAT | O_EXCL
  * and mode. Tries up to 20 names, whatever makes an open fail. Returns the
- * descriptor, storing the malloc'ed name in *name_out (caller frees) when
- * name_out is not NULL; -1 with errno of the last open, or -1 after logging
+ * descriptor, storing the malloc'ed path that was opened ("<dir>/<name>", or
+ * the bare name without dir) in *name_out (caller frees) when name_out is
+ * not NULL; -1 with errno of the last open, or -1 after logging
  * "fatal: out of memory" when a name cannot be allocated. */
 QX_API int create_tempfile(const char *dir, int flags, mode_t mode, char **name_out);
 
