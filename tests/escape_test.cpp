@@ -698,6 +698,31 @@ TEST(XmlEncodedSweep, AFailedFirstAppendEndsTheWalkWithMinusOne) {
     EXPECT_EQ(allocations, 1);
 }
 
+TEST(XmlEncodedSweep, AFailedDecimalReferenceForABadLeadByteEndsTheWalk) {
+    // 1020 bytes fill all but two of the 1023: "&#195;" needs the buffer to
+    // grow, and that growth is the only allocation.
+    const std::string head(1020, '.');
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        strbuf sb{};
+        ASSERT_EQ(strbuf_append(&sb, head.c_str()), 0);
+        const int result = qx_test::call_with_failing_allocation(n, [&] {
+            return strbuf_append_xmlencoded(&sb, "\xC3"
+                                                 "A<");
+        });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(text_of(sb), head);
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            // The byte after the bad lead byte is passed over and lost.
+            EXPECT_EQ(text_of(sb), head + "&#195;&lt;");
+        }
+        strbuf_free(&sb);
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
 TEST(TranslateSweep, EveryFailureLeavesTheBufferUnchanged) {
     const long allocations = qx_test::sweep_allocation_failures([&](long n) {
         strbuf sb{};
