@@ -652,6 +652,39 @@ TEST_F(AppendB64, FailsOnMemoryAndLeavesTheBufferAlone) {
     EXPECT_EQ(sb.size, 1023U);
 }
 
+TEST(CodecAppendSweep, EveryBufferEncoderFailsCleanlyOnEachAllocation) {
+    struct encoder {
+        const char *name;
+        int (*call)(strbuf *);
+        const char *expected;
+    };
+    const encoder encoders[] = {
+        {"b64", [](strbuf *sb) { return strbuf_append_b64(sb, "abc", 1); }, "YWJj"},
+        {"b64n", [](strbuf *sb) { return strbuf_append_b64n(sb, "ab", 2, 1); }, "YWI="},
+        {"b64n_wrap", [](strbuf *sb) { return strbuf_append_b64n_wrap(sb, "abc", 3, 1, 2); },
+         "YW\nJj\n"},
+        {"b32", [](strbuf *sb) { return strbuf_append_b32(sb, "f", 1); }, "MY======"},
+    };
+    for (const encoder &e : encoders) {
+        const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+            strbuf sb{};
+            const int result =
+                qx_test::call_with_failing_allocation(n, [&] { return e.call(&sb); });
+            if (qx_test::allocation_was_failed()) {
+                EXPECT_EQ(result, -1) << e.name;
+                EXPECT_EQ(sb.text, nullptr) << e.name;
+                EXPECT_EQ(sb.length, 0U) << e.name;
+                EXPECT_EQ(sb.size, 0U) << e.name;
+            } else {
+                EXPECT_EQ(result, 0) << e.name;
+                EXPECT_EQ(text_of(sb), e.expected) << e.name;
+            }
+            strbuf_free(&sb);
+        });
+        EXPECT_EQ(allocations, 1) << e.name; // the one growth from the zero record
+    }
+}
+
 TEST_F(AppendB64, WrapsWithALineFeedAfterAFullLine) {
     const std::vector<unsigned char> data(57, 0);
     EXPECT_EQ(strbuf_append_b64n_wrap(&sb, data.data(), 57, 1, 76), 0);

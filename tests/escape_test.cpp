@@ -712,4 +712,75 @@ TEST(Utf8ToInt, TakesLeadsFrom0xF8AsFourByteLeads) {
     EXPECT_EQ(decode("\xFC\x41"), std::make_pair(0U, 1L));
 }
 
+// ---- allocation-failure sweeps ----
+// Each call runs with its 1st, 2nd, ... allocation failing until a run
+// makes none fail.
+
+TEST(XmlEncodedSweep, AFailedFirstAppendEndsTheWalkWithMinusOne) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        strbuf sb{};
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_append_xmlencoded(&sb, "a<b & c"); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.text, nullptr);
+            EXPECT_EQ(sb.length, 0U);
+            EXPECT_EQ(sb.size, 0U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(text_of(sb), "a&lt;b &amp; c");
+        }
+        strbuf_free(&sb);
+    });
+    // The first append allocates 1023 bytes, which hold the rest.
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(XmlEncodedSweep, AFailedDecimalReferenceForABadLeadByteEndsTheWalk) {
+    // 1020 bytes fill all but two of the 1023: "&#195;" needs the buffer to
+    // grow, and that growth is the only allocation.
+    const std::string head(1020, '.');
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        strbuf sb{};
+        ASSERT_EQ(strbuf_append(&sb, head.c_str()), 0);
+        const int result = qx_test::call_with_failing_allocation(n, [&] {
+            return strbuf_append_xmlencoded(&sb, "\xC3"
+                                                 "A<");
+        });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(text_of(sb), head);
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            // The byte after the bad lead byte is passed over and lost.
+            EXPECT_EQ(text_of(sb), head + "&#195;&lt;");
+        }
+        strbuf_free(&sb);
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(TranslateSweep, EveryFailureLeavesTheBufferUnchanged) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        strbuf sb{};
+        ASSERT_EQ(strbuf_append(&sb, "hello world"), 0);
+        const char *before = sb.text;
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_translate(&sb, "lo", "L0"); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.text, before);
+            EXPECT_EQ(text_of(sb), "hello world");
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(text_of(sb), "heLL0 w0rLd");
+        }
+        strbuf_free(&sb);
+    });
+    // The scratch buffer; the result then fits the caller's block.
+    EXPECT_EQ(allocations, 1);
+}
+
 } // namespace

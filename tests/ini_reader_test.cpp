@@ -353,6 +353,75 @@ TEST_F(IniReader, FileThatCannotBeOpenedForLackOfMemoryGivesTheDefault) {
     EXPECT_STREQ(buffer, "dflt");
 }
 
+// ---- allocation-failure sweeps ------------------------------------------------
+// Every reading function makes one allocation, fopen's stream record; with
+// it failing the file counts as unreadable, which is the same as empty.
+
+TEST_F(IniReader, EveryGetterSweptThroughItsAllocationsGivesTheDefaultOrTheValue) {
+    write("[first]\nk=42\nflag=true\npi=3.25\n[second]\nname=v\n");
+    const char *f = path.c_str();
+    std::vector<long> counts;
+    const auto sweep = [&](auto call, auto on_failure, auto on_success) {
+        counts.push_back(qx_test::sweep_allocation_failures([&](long n) {
+            const auto result = qx_test::call_with_failing_allocation(n, call);
+            if (qx_test::allocation_was_failed())
+                on_failure(result);
+            else
+                on_success(result);
+        }));
+    };
+    sweep([&] { return ini_getl("first", "k", -7, f); }, [](long r) { EXPECT_EQ(r, -7); },
+          [](long r) { EXPECT_EQ(r, 42); });
+    sweep([&] { return ini_getbool("first", "flag", -1, f); }, [](int r) { EXPECT_EQ(r, -1); },
+          [](int r) { EXPECT_EQ(r, 1); });
+    sweep([&] { return ini_getf("first", "pi", 0.5f, f); },
+          [](float r) { EXPECT_FLOAT_EQ(r, 0.5f); }, [](float r) { EXPECT_FLOAT_EQ(r, 3.25f); });
+
+    char buffer[32];
+    sweep(
+        [&] {
+            std::memset(buffer, '@', sizeof buffer);
+            return ini_getsection(1, buffer, sizeof buffer, f);
+        },
+        [&](int r) {
+            EXPECT_EQ(r, 0);
+            EXPECT_STREQ(buffer, "");
+        },
+        [&](int r) {
+            EXPECT_EQ(r, 6);
+            EXPECT_STREQ(buffer, "second");
+        });
+    sweep(
+        [&] {
+            std::memset(buffer, '@', sizeof buffer);
+            return ini_getkey("first", 1, buffer, sizeof buffer, f);
+        },
+        [&](int r) {
+            EXPECT_EQ(r, 0);
+            EXPECT_STREQ(buffer, "");
+        },
+        [&](int r) {
+            EXPECT_EQ(r, 4);
+            EXPECT_STREQ(buffer, "flag");
+        });
+    browse_log log;
+    log.calls.reserve(8); // the log must not allocate while the sweep counts
+    sweep(
+        [&] {
+            log.calls.clear();
+            return ini_browse(record_call, &log, f);
+        },
+        [&](int r) {
+            EXPECT_EQ(r, 0);
+            EXPECT_TRUE(log.calls.empty());
+        },
+        [&](int r) {
+            EXPECT_EQ(r, 1);
+            EXPECT_EQ(log.calls.size(), 4U);
+        });
+    EXPECT_EQ(counts, std::vector<long>(6, 1L));
+}
+
 // ---- long lines -----------------------------------------------------------
 
 TEST_F(IniReader, LinesLongerThan511BytesAreSplitAndTheTailIsALineOfItsOwn) {

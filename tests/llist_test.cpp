@@ -94,6 +94,20 @@ TEST(LlistCreate, ReturnsNullWhenTheAllocationFails) {
     EXPECT_EQ(list, nullptr);
 }
 
+TEST(LlistCreate, SweptThroughItsAllocationsGivesNullOrAnEmptyRecord) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        llist *list = qx_test::call_with_failing_allocation(n, [] { return llist_create(); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(list, nullptr);
+            return;
+        }
+        ASSERT_NE(list, nullptr);
+        expect_empty_record(list);
+        llist_delete(list);
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
 TEST(LlistReset, EmptiesTheRecordWithoutTouchingTheNodes) {
     llist list;
     EXPECT_EQ(llist_reset(&list), &list);
@@ -606,6 +620,24 @@ TEST(LlistSort, LeavesTheListUnchangedWhenTheVectorCannotBeAllocated) {
     EXPECT_EQ(values(l.get()), (std::vector<int>{5, 3, 9}));
     EXPECT_EQ(values_backwards(l.get()), (std::vector<int>{9, 3, 5}));
     EXPECT_EQ(llist_nodecount(l.get()), 3u);
+}
+
+TEST(LlistSort, SweptThroughItsAllocationsEitherSortsOrLeavesTheListAlone) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_list l{5, 3, 9, 1};
+        compare_log log;
+        qx_test::call_with_failing_allocation(n, [&] { llist_sort(l.get(), compare_slots, &log); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(log.calls, 0);
+            EXPECT_EQ(values(l.get()), (std::vector<int>{5, 3, 9, 1}));
+            EXPECT_EQ(values_backwards(l.get()), (std::vector<int>{1, 9, 3, 5}));
+        } else {
+            EXPECT_EQ(values(l.get()), (std::vector<int>{1, 3, 5, 9}));
+            EXPECT_EQ(values_backwards(l.get()), (std::vector<int>{9, 5, 3, 1}));
+        }
+        EXPECT_EQ(llist_nodecount(l.get()), 4u);
+    });
+    EXPECT_EQ(allocations, 1); // the vector of node pointers
 }
 
 TEST(LlistSort, AgreesWithStdSortOnRandomLists) {

@@ -405,6 +405,23 @@ TEST_F(OsInfo, ParsingGivesMinusOneWithEnomemWhenTheTextCannotBeAllocated) {
     EXPECT_EQ(info->pairs, nullptr);
 }
 
+TEST_F(OsInfo, LookupSweptThroughItsAllocationsFindsOnlyThePairsThatWereStored) {
+    const long clean = qx_test::sweep_allocation_failures([&](long n) {
+        os_info *info = record_for("A=1\nB=2\nC=3\n");
+        const char *value =
+            qx_test::call_with_failing_allocation(n, [info] { return osrelease_v2(info, "b"); });
+        // Allocation 0 is the text, allocation k (k >= 1) the growth for
+        // pair k: B is stored only when allocations 0 to 2 succeed.
+        EXPECT_STREQ(value, n <= 2 ? "" : "2") << n;
+        if (n <= 1) {
+            // Nothing was stored, so the next lookup reads the file again.
+            EXPECT_EQ(info->pairs, nullptr);
+            EXPECT_STREQ(osrelease_v2(info, "B"), "2");
+        }
+    });
+    EXPECT_EQ(clean, 4);
+}
+
 TEST_F(OsInfo, ParsingKeepsThePairsFoundBeforeThePairTableCouldNotGrow) {
     const std::vector<std::string> all{"A", "B", "C"};
     const long clean = qx_test::sweep_allocation_failures([&](long n) {

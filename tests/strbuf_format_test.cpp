@@ -466,4 +466,153 @@ TEST(StrbufSubstitute, LaterSuccessCountsUpFromMinusOne) {
     EXPECT_STREQ(sb.text, " B");
 }
 
+// ---- allocation-failure sweeps ----------------------------------------------
+// Each call is run with its 1st, 2nd, ... allocation failing until a run
+// makes none fail; a failing run must leave the caller's buffer as it was.
+
+TEST(StrbufAppendfSweep, EveryFailedGrowthLeavesTheTextAndReturnsMinusOne) {
+    const std::string big(2000, 'x');
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb("abc");
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_appendf(&sb, "%s", big.c_str()); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1) << "allocation " << n;
+            EXPECT_EQ(sb.str(), "abc");
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.str(), "abc" + big);
+            EXPECT_EQ(sb.size, 3071U); // (2000 + 1023 + 1) | 1023
+        }
+    });
+    EXPECT_EQ(allocations, 1); // the one realloc of the growth
+}
+
+TEST(StrbufVappendfSweep, EveryFailedAllocationOfAZeroRecordLeavesItZero) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb;
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return vappendf_helper(&sb, "%s-%d", "port", 25); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.text, nullptr);
+            EXPECT_EQ(sb.length, 0U);
+            EXPECT_EQ(sb.size, 0U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_STREQ(sb.text, "port-25");
+            EXPECT_EQ(sb.size, 1023U);
+        }
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(StrbufPutfSweep, EveryFailureLeavesLengthZeroAndTheBlockInPlace) {
+    const std::string big(1500, 'p');
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb("old");
+        const char *before = sb.text;
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_putf(&sb, "%s", big.c_str()); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.text, before);
+            EXPECT_EQ(sb.length, 0U);
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.str(), big);
+        }
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(StrbufPrependfSweep, EveryFailureLeavesTheCallersBufferUnchanged) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb("tail");
+        const char *before = sb.text;
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_prependf(&sb, "%d:", 12); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.text, before);
+            EXPECT_EQ(sb.str(), "tail");
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.str(), "12:tail");
+        }
+    });
+    // The scratch buffer's first allocation; the old text then fits in it.
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(QxStringAppendIntSweep, FailedAllocationsLeaveAZeroRecordZero) {
+    for (int is_signed = 0; is_signed < 2; ++is_signed) {
+        const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+            owned_strbuf sb;
+            const int result = qx_test::call_with_failing_allocation(n, [&] {
+                return is_signed != 0 ? qx_string_append_lsint(&sb, -42)
+                                      : qx_string_append_luint(&sb, 42UL);
+            });
+            if (qx_test::allocation_was_failed()) {
+                EXPECT_EQ(result, -1);
+                EXPECT_EQ(sb.text, nullptr);
+                EXPECT_EQ(sb.size, 0U);
+            } else {
+                EXPECT_EQ(result, 0);
+                EXPECT_EQ(sb.str(), is_signed != 0 ? "-42" : "42");
+            }
+        });
+        EXPECT_EQ(allocations, 1) << (is_signed != 0 ? "lsint" : "luint");
+    }
+}
+
+TEST(StrbufAppendfTimeSweep, FailedAppendOfTheGmtimeTextLeavesTheBufferUnchanged) {
+    {
+        // A first call outside the sweep, so that whatever the C library
+        // sets up once for time conversion is not counted.
+        owned_strbuf warm;
+        ASSERT_EQ(strbuf_appendf_gmtime(&warm, "%Y", 0), 0);
+    }
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb;
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_appendf_gmtime(&sb, "%Y-%m-%d", 0); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.text, nullptr);
+            EXPECT_EQ(sb.size, 0U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.str(), "1970-01-01");
+        }
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(StrbufAppendfTmSweep, FailedGrowthAppendsNothing) {
+    struct tm tm {};
+    tm.tm_year = 2024 - 1900;
+    tm.tm_mon = 1;
+    tm.tm_mday = 29;
+    const std::string head(1020, 'h');
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb(head.c_str()); // size 1023: the date does not fit
+        const int result = qx_test::call_with_failing_allocation(
+            n, [&] { return strbuf_appendf_tm(&sb, "%Y-%m-%d", &tm); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            EXPECT_EQ(sb.str(), head);
+            EXPECT_EQ(sb.size, 1023U);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.str(), head + "2024-02-29");
+            EXPECT_EQ(sb.size, 2047U);
+        }
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
 } // namespace

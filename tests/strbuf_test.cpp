@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
+#include <vector>
 #include <unistd.h>
 
 #include "qxcommon-util/strbuf.h"
@@ -547,6 +549,76 @@ TEST(QxString, MixesFreelyWithTheStrbufFunctions) {
     EXPECT_EQ(qx_string_is_equal(sb, "ab"), 1);
     EXPECT_EQ(strbuf_len(sb), 2U);
     qx_string_delete(sb);
+}
+
+// ---- allocation-failure sweeps ----------------------------------------------
+
+TEST(StrbufSweep, EveryGrowingCallFailsCleanlyOnItsAllocation) {
+    const std::string big(2000, 'g');
+    struct growing_call {
+        const char *name;
+        std::function<int(strbuf *)> call;
+        std::string expected; // the text after the call succeeded
+    };
+    const std::vector<growing_call> calls{
+        {"append", [&](strbuf *sb) { return strbuf_append(sb, big.c_str()); }, "abc" + big},
+        {"nappend", [&](strbuf *sb) { return strbuf_nappend(sb, big.data(), big.size()); },
+         "abc" + big},
+        {"prepend", [&](strbuf *sb) { return strbuf_prepend(sb, big.c_str()); }, big + "abc"},
+    };
+    for (const growing_call &c : calls) {
+        const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+            owned_strbuf sb;
+            ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+            const snapshot before(sb);
+            const int result =
+                qx_test::call_with_failing_allocation(n, [&] { return c.call(&sb); });
+            if (qx_test::allocation_was_failed()) {
+                EXPECT_EQ(result, -1) << c.name;
+                expect_unchanged(sb, before);
+            } else {
+                EXPECT_EQ(result, 0) << c.name;
+                EXPECT_EQ(sb.bytes(), c.expected) << c.name;
+                EXPECT_EQ(sb.size, 3071U) << c.name; // (2000 + 1023 + 1) | 1023
+            }
+        });
+        EXPECT_EQ(allocations, 1) << c.name;
+    }
+}
+
+TEST(StrbufSweep, SetLengthBeyondTheCapacityFailsCleanly) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        owned_strbuf sb;
+        ASSERT_EQ(strbuf_append(&sb, "abc"), 0);
+        const snapshot before(sb);
+        const int result =
+            qx_test::call_with_failing_allocation(n, [&] { return strbuf_setlength(&sb, 4000); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, -1);
+            expect_unchanged(sb, before);
+        } else {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.length, 4000U);
+            EXPECT_EQ(sb.size, 4095U); // 4001 with the ten low bits set
+            EXPECT_EQ(std::string(sb.text, 3), "abc");
+        }
+    });
+    EXPECT_EQ(allocations, 1);
+}
+
+TEST(StrbufSweep, QxStringNewFailsWithNullAndThenGivesAZeroRecord) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        strbuf *sb = qx_test::call_with_failing_allocation(n, [] { return qx_string_new(); });
+        if (qx_test::allocation_was_failed()) {
+            EXPECT_EQ(sb, nullptr);
+        } else {
+            ASSERT_NE(sb, nullptr);
+            EXPECT_EQ(sb->text, nullptr);
+            EXPECT_EQ(sb->size, 0U);
+        }
+        qx_string_delete(sb);
+    });
+    EXPECT_EQ(allocations, 1);
 }
 
 } // namespace
