@@ -116,6 +116,12 @@ QX_API int strbuf_append(strbuf *sb, const char *str) {
     if (str == nullptr)
         return -1;
     const std::size_t n = std::strlen(str);
+    // The common case, the text and its NUL fit: no growth logic at all.
+    if (n < sb->size - sb->length) [[likely]] {
+        std::memcpy(sb->text + sb->length, str, n + 1);
+        sb->length += n;
+        return 0;
+    }
     if (strbuf_reserve(sb, n) != 0)
         return -1;
     std::memcpy(sb->text + sb->length, str, n + 1);
