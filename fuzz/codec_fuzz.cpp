@@ -18,6 +18,8 @@
 
 using qx_fuzz::check;
 
+using qx_fuzz::hex_value;
+
 namespace {
 
 int b32_value(unsigned char c) {
@@ -41,16 +43,6 @@ int b64_value(unsigned char c) {
         return 62;
     if (c == '/')
         return 63;
-    return -1;
-}
-
-int hex_value(unsigned char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
     return -1;
 }
 

@@ -19,6 +19,17 @@
 namespace qx_fuzz {
 
 // Ends the run with a message: the fuzzer records the input as a crash.
+// The value of a hexadecimal digit of either case, or -1.
+inline int hex_value(unsigned char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
 [[noreturn]] inline void fail(const char *what) {
     std::fprintf(stderr, "oracle violated: %s\n", what);
     std::abort();

@@ -42,13 +42,8 @@ std::string ref_encode(const std::string &text, std::size_t size) {
 }
 
 int hex_or_zero(unsigned char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return 0;
+    const int value = qx_fuzz::hex_value(c);
+    return value < 0 ? 0 : value;
 }
 
 std::string ref_percent_decode(const std::string &s) {

@@ -10,17 +10,9 @@
 #include "qxcommon-util/escape.h"
 #include "qxcommon-util/strbuf.h"
 
-namespace {
+using qx_fuzz::hex_value;
 
-int hex_value(unsigned char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
+namespace {
 
 // Four hex digits at t[i..i+3]; -1 when they are not.
 long hex4(const std::string &t, std::size_t i) {
