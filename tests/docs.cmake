@@ -1,4 +1,6 @@
-# Manual pages, Debian packages and the ABI baseline.
+# Manual pages, Debian packages and the ABI baseline. These checks are shell
+# scripts around compilers and packaging tools: they are labelled
+# no-valgrind, since memcheck would watch the shell, not the library.
 
 set(QX_DOCS_SCRIPTS ${CMAKE_CURRENT_SOURCE_DIR}/docs)
 
@@ -20,6 +22,8 @@ add_test(NAME docs.manual_page_examples_compile
         ${PROJECT_SOURCE_DIR}/man ${CMAKE_CURRENT_BINARY_DIR}/man-examples
         ${QX_EXAMPLE_FLAGS} ${QX_DOCS_JSONPARSER_LDFLAGS})
 set_tests_properties(docs.manual_page_examples_compile PROPERTIES TIMEOUT 300)
+set_tests_properties(docs.every_export_is_in_a_manual_page docs.manual_page_examples_compile
+    PROPERTIES LABELS no-valgrind)
 
 # cpack -G DEB into a scratch directory, inspected with dpkg-deb.
 find_program(QX_DPKG_DEB dpkg-deb)
@@ -32,7 +36,7 @@ if(QX_DPKG_DEB)
         COMMAND ${CMAKE_COMMAND} -E env QX_EXPECT_MAN=${QX_EXPECT_MAN}
             ${QX_DOCS_SCRIPTS}/check_packages.sh ${PROJECT_BINARY_DIR}
             ${CMAKE_CURRENT_BINARY_DIR}/packages ${PROJECT_VERSION})
-    set_tests_properties(packaging.debian_packages PROPERTIES LABELS packaging TIMEOUT 300)
+    set_tests_properties(packaging.debian_packages PROPERTIES LABELS "packaging;no-valgrind" TIMEOUT 300)
 else()
     message(STATUS "dpkg-deb not found: the packaging test is left out")
 endif()
@@ -43,13 +47,14 @@ if(QX_ABIDIFF)
     add_test(NAME abi.matches_the_baseline
         COMMAND ${QX_DOCS_SCRIPTS}/check_abi.sh
             ${PROJECT_SOURCE_DIR}/abi/libqxcommon-util.abi $<TARGET_FILE:qxcommon-util>)
-    set_tests_properties(abi.matches_the_baseline PROPERTIES TIMEOUT 300)
+    set_tests_properties(abi.matches_the_baseline PROPERTIES TIMEOUT 300 LABELS no-valgrind)
     # ... and that check does fail for a removed function or a changed record.
     add_test(NAME abi.check_rejects_removed_and_changed_interfaces
         COMMAND ${QX_DOCS_SCRIPTS}/check_abi_detects_changes.sh ${QX_DOCS_SCRIPTS}/check_abi.sh
             ${PROJECT_SOURCE_DIR}/abi/libqxcommon-util.abi $<TARGET_FILE:qxcommon-util>
             ${CMAKE_CURRENT_BINARY_DIR}/abi-doctored)
-    set_tests_properties(abi.check_rejects_removed_and_changed_interfaces PROPERTIES TIMEOUT 300)
+    set_tests_properties(abi.check_rejects_removed_and_changed_interfaces PROPERTIES TIMEOUT 300
+        LABELS no-valgrind)
 else()
     message(STATUS "abidiff not found: the ABI baseline test is left out")
 endif()
@@ -60,3 +65,4 @@ add_test(NAME docs.readme_first_program_runs_as_shown
         ${PROJECT_SOURCE_DIR}/include $<TARGET_FILE:qxcommon-util>
         ${PROJECT_SOURCE_DIR}/README.md ${CMAKE_CURRENT_BINARY_DIR}/readme-example
         ${QX_EXAMPLE_FLAGS})
+set_tests_properties(docs.readme_first_program_runs_as_shown PROPERTIES LABELS no-valgrind)

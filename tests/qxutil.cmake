@@ -5,7 +5,9 @@ if(TARGET qxutil)
         add_test(NAME qxutil.${group}
             COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/qxutil/run_tests.sh
                 $<TARGET_FILE:qxutil> ${PROJECT_SOURCE_DIR}/examples/data ${group})
-        set_tests_properties(qxutil.${group} PROPERTIES TIMEOUT 120)
+        # no-valgrind: memcheck would watch the shell that drives the tool
+        # (and report the shell's own leaks), not the tool.
+        set_tests_properties(qxutil.${group} PROPERTIES TIMEOUT 120 LABELS no-valgrind)
     endforeach()
 endif()
 
@@ -22,7 +24,8 @@ if(TARGET qxutil)
             test -x "$prefix/$2/qxutil"
             LD_LIBRARY_PATH="$prefix/$3" "$prefix/$2/qxutil" encode hex qx | grep -qx 7178
         ]=] sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
-    set_tests_properties(qxutil.installs_with_the_tools_component PROPERTIES TIMEOUT 120)
+    set_tests_properties(qxutil.installs_with_the_tools_component PROPERTIES TIMEOUT 120
+        LABELS no-valgrind)
 endif()
 
 # The manual page's source must stay valid scdoc where scdoc is installed.
@@ -31,4 +34,5 @@ if(QX_SCDOC)
     add_test(NAME qxutil.manual_page_is_valid_scdoc
         COMMAND sh -c [=[page=$("$1" <"$2") && printf '%s\n' "$page" | grep -qx '.SH COMMANDS']=]
             sh ${QX_SCDOC} ${PROJECT_SOURCE_DIR}/man/qxutil.1.scd)
+    set_tests_properties(qxutil.manual_page_is_valid_scdoc PROPERTIES LABELS no-valgrind)
 endif()
