@@ -40,15 +40,14 @@ static void print_double(double value) {
         fputs(".0", stdout);
 }
 
-static void print_json_string(const char *text, unsigned int length) {
+/* Writes text with backslash escapes for backslash, tab, line feed and
+ * carriage return; as JSON also for the double quote and, as \u00xx, the
+ * other control bytes. Fields of a step line need only the first four. */
+static void print_escaped(const char *text, unsigned int length, int as_json) {
     unsigned int i;
-    putchar('"');
     for (i = 0; i < length; ++i) {
         unsigned char c = (unsigned char)text[i];
         switch (c) {
-        case '"':
-            fputs("\\\"", stdout);
-            break;
         case '\\':
             fputs("\\\\", stdout);
             break;
@@ -61,13 +60,21 @@ static void print_json_string(const char *text, unsigned int length) {
         case '\t':
             fputs("\\t", stdout);
             break;
+        case '"':
+            fputs(as_json ? "\\\"" : "\"", stdout);
+            break;
         default:
-            if (c < 0x20)
+            if (as_json && c < 0x20)
                 printf("\\u%04x", c);
             else
                 putchar(c);
         }
     }
+}
+
+static void print_json_string(const char *text, unsigned int length) {
+    putchar('"');
+    print_escaped(text, length, 1);
     putchar('"');
 }
 
@@ -116,32 +123,13 @@ static void print_compact(const json_value *value) {
 }
 
 static void print_field(const json_value *value) {
-    unsigned int i;
     if (value == NULL)
         return;
     if (value->type != json_string) {
         print_compact(value);
         return;
     }
-    for (i = 0; i < value->u.string.length; ++i) {
-        char c = value->u.string.ptr[i];
-        switch (c) {
-        case '\\':
-            fputs("\\\\", stdout);
-            break;
-        case '\t':
-            fputs("\\t", stdout);
-            break;
-        case '\n':
-            fputs("\\n", stdout);
-            break;
-        case '\r':
-            fputs("\\r", stdout);
-            break;
-        default:
-            putchar(c);
-        }
-    }
+    print_escaped(value->u.string.ptr, value->u.string.length, 0);
 }
 
 static int open_document(jproc *state, const char *file) {
