@@ -33,17 +33,28 @@ struct snapshot {
           content(sb.text != nullptr ? std::string(sb.text, sb.length + 1) : std::string()) {}
 };
 
-// Fills the room behind the text and its NUL with '#', so that a test can
-// see which bytes a later copy wrote.
-void mark_room(strbuf &sb) {
-    std::memset(sb.text + sb.length + 1, '#', sb.size - sb.length - 1);
-}
-
 // The offsets and lengths around the sizes where a short copy changes how it
 // is done, from a prefix of each of several lengths so that the copies also
-// start at different alignments.
-constexpr std::size_t short_prefixes[] = {0, 1, 5, 13};
-constexpr std::size_t longest_short_text = 40;
+// start at different alignments. For each, add(sb, n) is handed a buffer that
+// holds the prefix, with the room behind its NUL filled with '#', and adds n
+// bytes; the bytes it added are then checked, with the NUL behind them and
+// the marks behind that, which nothing may have touched.
+template <typename Add> void check_short_copies(Add add) {
+    constexpr std::size_t prefixes[] = {0, 1, 5, 13};
+    for (const std::size_t prefix : prefixes) {
+        for (std::size_t n = 0; n <= 40; ++n) {
+            SCOPED_TRACE("prefix " + std::to_string(prefix) + ", length " + std::to_string(n));
+            owned_strbuf sb;
+            ASSERT_EQ(strbuf_append(&sb, std::string(prefix, 'p').c_str()), 0);
+            std::memset(sb.text + prefix + 1, '#', sb.size - prefix - 1);
+            const std::string added = add(sb, n);
+            EXPECT_EQ(sb.length, prefix + n);
+            EXPECT_EQ(sb.bytes(), std::string(prefix, 'p') + added);
+            EXPECT_EQ(sb.text[prefix + n], '\0');
+            EXPECT_EQ(std::string(sb.text + prefix + n + 1, 8), "########");
+        }
+    }
+}
 
 void expect_unchanged(const strbuf &sb, const snapshot &before) {
     EXPECT_EQ(sb.text, before.text);
@@ -111,28 +122,15 @@ TEST(StrbufAppend, GrowthIsComputedFromTheOldSizeNotTheLength) {
 }
 
 TEST(StrbufAppend, CopiesEveryShortLengthWithItsNulAndNoByteMore) {
-    for (const std::size_t prefix : short_prefixes) {
-        for (std::size_t n = 0; n <= longest_short_text; ++n) {
-            SCOPED_TRACE("prefix " + std::to_string(prefix) + ", length " + std::to_string(n));
-            owned_strbuf sb;
-            ASSERT_EQ(strbuf_append(&sb, std::string(prefix, 'p').c_str()), 0);
-            mark_room(sb);
-            // Exactly n + 1 bytes: a read past the NUL is caught by the
-            // sanitizer and valgrind runs.
-            std::vector<char> str(n + 1);
-            std::string expected(prefix, 'p');
-            for (std::size_t i = 0; i < n; ++i) {
-                str[i] = static_cast<char>('a' + i % 26);
-                expected += str[i];
-            }
-            str[n] = '\0';
-            ASSERT_EQ(strbuf_append(&sb, str.data()), 0);
-            EXPECT_EQ(sb.length, prefix + n);
-            EXPECT_EQ(sb.bytes(), expected);
-            EXPECT_EQ(sb.text[prefix + n], '\0');
-            EXPECT_EQ(std::string(sb.text + prefix + n + 1, 8), "########");
-        }
-    }
+    check_short_copies([](strbuf &sb, std::size_t n) {
+        // Exactly n + 1 bytes: a read past the NUL is caught by the
+        // sanitizer and valgrind runs.
+        std::vector<char> str(n + 1, '\0');
+        for (std::size_t i = 0; i < n; ++i)
+            str[i] = static_cast<char>('a' + i % 26);
+        EXPECT_EQ(strbuf_append(&sb, str.data()), 0);
+        return std::string(str.data(), n);
+    });
 }
 
 TEST(StrbufAppend, NullStringFailsAndChangesNothing) {
@@ -176,25 +174,15 @@ TEST(StrbufNappend, KeepsEmbeddedNulBytes) {
 }
 
 TEST(StrbufNappend, CopiesEveryShortLengthExactlyAndTerminatesIt) {
-    for (const std::size_t prefix : short_prefixes) {
-        for (std::size_t n = 0; n <= longest_short_text; ++n) {
-            SCOPED_TRACE("prefix " + std::to_string(prefix) + ", length " + std::to_string(n));
-            owned_strbuf sb;
-            ASSERT_EQ(strbuf_append(&sb, std::string(prefix, 'p').c_str()), 0);
-            mark_room(sb);
-            // Bytes 1..n with a NUL at every seventh place; exactly n of them.
-            std::vector<char> data(n);
-            for (std::size_t i = 0; i < n; ++i)
-                data[i] = i % 7 == 6 ? '\0' : static_cast<char>('A' + i % 26);
-            // An empty vector may hand out a null pointer, which nappend refuses.
-            const char *from = n == 0 ? "" : data.data();
-            ASSERT_EQ(strbuf_nappend(&sb, from, n), 0);
-            EXPECT_EQ(sb.length, prefix + n);
-            EXPECT_EQ(sb.bytes(), std::string(prefix, 'p') + std::string(data.begin(), data.end()));
-            EXPECT_EQ(sb.text[prefix + n], '\0');
-            EXPECT_EQ(std::string(sb.text + prefix + n + 1, 8), "########");
-        }
-    }
+    check_short_copies([](strbuf &sb, std::size_t n) {
+        // n bytes with a NUL at every seventh place; an empty vector may hand
+        // out a null pointer, which nappend refuses.
+        std::vector<char> data(n);
+        for (std::size_t i = 0; i < n; ++i)
+            data[i] = i % 7 == 6 ? '\0' : static_cast<char>('A' + i % 26);
+        EXPECT_EQ(strbuf_nappend(&sb, n == 0 ? "" : data.data(), n), 0);
+        return std::string(data.begin(), data.end());
+    });
 }
 
 TEST(StrbufNappend, NullDataFails) {

@@ -78,36 +78,31 @@ int reallocate(strbuf *sb, std::size_t newsize, bool spare_room) noexcept {
     return 0;
 }
 
+// Copies count bytes, width <= count <= 2 * width, as one chunk from the
+// front and one from the back, which overlap unless count is twice the width.
+// Both loads come first; only bytes of the source range are read.
+template <std::size_t width>
+inline void copy_front_and_back(char *to, const char *from, std::size_t count) noexcept {
+    unsigned char head[width];
+    unsigned char tail[width];
+    std::memcpy(head, from, width);
+    std::memcpy(tail, from + count - width, width);
+    std::memcpy(to, head, width);
+    std::memcpy(to + count - width, tail, width);
+}
+
 // Copies count bytes, as memcpy does. Up to 32 bytes, the usual size of an
-// appended word or field, the copy is two loads that may overlap and two
-// stores, done here: for such sizes the call to memcpy costs more than the
-// copy itself. Only bytes of the source range are read.
+// appended word or field, the copy is done here in two loads and two stores:
+// for such sizes the call to memcpy costs more than the copy itself.
 inline void copy_bytes(char *to, const char *from, std::size_t count) noexcept {
     if (count > 32) {
         std::memcpy(to, from, count);
-        return;
-    }
-    if (count >= 16) {
-        unsigned char head[16];
-        unsigned char tail[16];
-        std::memcpy(head, from, 16);
-        std::memcpy(tail, from + count - 16, 16);
-        std::memcpy(to, head, 16);
-        std::memcpy(to + count - 16, tail, 16);
+    } else if (count >= 16) {
+        copy_front_and_back<16>(to, from, count);
     } else if (count >= 8) {
-        std::uint64_t head;
-        std::uint64_t tail;
-        std::memcpy(&head, from, 8);
-        std::memcpy(&tail, from + count - 8, 8);
-        std::memcpy(to, &head, 8);
-        std::memcpy(to + count - 8, &tail, 8);
+        copy_front_and_back<8>(to, from, count);
     } else if (count >= 4) {
-        std::uint32_t head;
-        std::uint32_t tail;
-        std::memcpy(&head, from, 4);
-        std::memcpy(&tail, from + count - 4, 4);
-        std::memcpy(to, &head, 4);
-        std::memcpy(to + count - 4, &tail, 4);
+        copy_front_and_back<4>(to, from, count);
     } else if (count > 0) {
         // One to three bytes: the first, the middle and the last cover them.
         const char first = from[0];
