@@ -32,25 +32,43 @@ std::size_t small_total() {
     return scaled(64 * mebibyte, mebibyte);
 }
 
-void append16_qx(benchmark::State &state) {
+// Appends piece count times to sb; false, with the benchmark marked as
+// failed, when an append fails or the length comes out wrong.
+bool append_pieces(benchmark::State &state, strbuf &sb, const char *piece, std::size_t count,
+                   std::size_t total) {
+    for (std::size_t i = 0; i < count; ++i) {
+        if (strbuf_append(&sb, piece) != 0) {
+            state.SkipWithError("strbuf_append failed");
+            return false;
+        }
+    }
+    if (sb.length != total) {
+        state.SkipWithError("wrong length");
+        return false;
+    }
+    return true;
+}
+
+// A fresh buffer per iteration, filled to total bytes with pieces of
+// piece_length bytes and freed.
+void append_fresh(benchmark::State &state, const char *piece, std::size_t piece_length) {
     const std::size_t total = small_total();
-    const std::size_t count = total / 16;
+    const std::size_t count = total / piece_length;
     const qx_bench::memory_meter meter;
     for (auto _ : state) {
         strbuf sb{};
-        for (std::size_t i = 0; i < count; ++i) {
-            if (strbuf_append(&sb, piece16) != 0) {
-                state.SkipWithError("strbuf_append failed");
-                break;
-            }
-        }
-        if (sb.length != total)
-            state.SkipWithError("wrong length");
+        const bool filled = append_pieces(state, sb, piece, count, total);
         benchmark::DoNotOptimize(sb.text);
         strbuf_free(&sb);
+        if (!filled)
+            break;
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * total));
     meter.report(state);
+}
+
+void append16_qx(benchmark::State &state) {
+    append_fresh(state, piece16, sizeof piece16 - 1);
 }
 
 void append16_glib(benchmark::State &state) {
@@ -81,25 +99,7 @@ const std::string &chunk4k() {
 }
 
 void append4k_qx(benchmark::State &state) {
-    const std::size_t total = small_total();
-    const std::string &chunk = chunk4k();
-    const std::size_t count = total / chunk.size();
-    const qx_bench::memory_meter meter;
-    for (auto _ : state) {
-        strbuf sb{};
-        for (std::size_t i = 0; i < count; ++i) {
-            if (strbuf_append(&sb, chunk.c_str()) != 0) {
-                state.SkipWithError("strbuf_append failed");
-                break;
-            }
-        }
-        if (sb.length != total)
-            state.SkipWithError("wrong length");
-        benchmark::DoNotOptimize(sb.text);
-        strbuf_free(&sb);
-    }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * total));
-    meter.report(state);
+    append_fresh(state, chunk4k().c_str(), chunk4k().size());
 }
 
 // The same appends into one buffer kept across iterations: its pages are
@@ -115,19 +115,25 @@ void append4k_qx_reused(benchmark::State &state) {
             state.SkipWithError("strbuf_setlength failed");
             break;
         }
-        for (std::size_t i = 0; i < count; ++i) {
-            if (strbuf_append(&sb, chunk.c_str()) != 0) {
-                state.SkipWithError("strbuf_append failed");
-                break;
-            }
-        }
-        if (sb.length != total)
-            state.SkipWithError("wrong length");
+        if (!append_pieces(state, sb, chunk.c_str(), count, total))
+            break;
         benchmark::DoNotOptimize(sb.text);
         benchmark::ClobberMemory();
     }
     strbuf_free(&sb);
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * total));
+}
+
+// The memcpy side of the 4 KiB case: count copies of chunk with its NUL,
+// each over the NUL of the one before, as the appends do.
+void copy_chunks(char *block, const std::string &chunk, std::size_t count) {
+    std::size_t length = 0;
+    for (std::size_t i = 0; i < count; ++i) {
+        std::memcpy(block + length, chunk.data(), chunk.size() + 1);
+        length += chunk.size();
+    }
+    benchmark::DoNotOptimize(block);
+    benchmark::ClobberMemory();
 }
 
 // A block of the final size is allocated in each iteration, as the buffers
@@ -145,13 +151,7 @@ void append4k_memcpy(benchmark::State &state) {
             state.SkipWithError("out of memory");
             break;
         }
-        std::size_t length = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            std::memcpy(block + length, chunk.data(), chunk.size() + 1);
-            length += chunk.size();
-        }
-        benchmark::DoNotOptimize(block);
-        benchmark::ClobberMemory();
+        copy_chunks(block, chunk, count);
         std::free(block);
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * total));
@@ -171,13 +171,7 @@ void append4k_memcpy_touched(benchmark::State &state) {
     }
     std::memset(block, 0, total + 1);
     for (auto _ : state) {
-        std::size_t length = 0;
-        for (std::size_t i = 0; i < count; ++i) {
-            std::memcpy(block + length, chunk.data(), chunk.size() + 1);
-            length += chunk.size();
-        }
-        benchmark::DoNotOptimize(block);
-        benchmark::ClobberMemory();
+        copy_chunks(block, chunk, count);
     }
     std::free(block);
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * total));
