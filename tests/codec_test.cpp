@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <string>
@@ -734,13 +735,87 @@ TEST_F(AppendB64, CutsAWrappedResultWithoutPadToTheCountedLength) {
 
 TEST_F(AppendB64, GivesEveryLineFeedRoomForVeryShortLines) {
     // "a" in lines of one: eight bytes, more than the counted capacity of 7.
-    // They and the NUL must fit, so a room of exactly eight is too small.
+    // With the padding kept they and the NUL must fit, so a room of exactly
+    // eight is too small.
     ASSERT_EQ(strbuf_append(&sb, std::string(1015, '.').c_str()), 0);
     ASSERT_EQ(sb.size, 1023U);
     EXPECT_EQ(strbuf_append_b64n_wrap(&sb, "a", 1, 1, 1), 0);
     EXPECT_EQ(sb.size, 2047U);
     EXPECT_EQ(text_of(sb), std::string(1015, '.') + "Y\nQ\n=\n=\n");
     EXPECT_EQ(sb.text[sb.length], '\0');
+}
+
+TEST_F(AppendB64, GrowsOnlyWhenTheCountedCapacityDoesNotFitTheRoom) {
+    // "a" in lines of one: c = 2, p = 2, c' = 2 + 2 + 1 = 5, so a capacity
+    // of 7 against a room of 8. Without the padding the length grows by c'.
+    ASSERT_EQ(strbuf_append(&sb, std::string(1015, '.').c_str()), 0);
+    ASSERT_EQ(sb.size - sb.length, 8U);
+    EXPECT_EQ(strbuf_append_b64n_wrap(&sb, "a", 1, 0, 1), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 1020U);
+    EXPECT_EQ(text_of(sb), std::string(1015, '.') + "Y\nQ\n=");
+    EXPECT_EQ(sb.text[1020], '\0');
+
+    // "abcd": c = 6, p = 2, c' = 6 + 6 + 1 = 13, a capacity of 15 against a
+    // room of 16.
+    strbuf_free(&sb);
+    ASSERT_EQ(strbuf_append(&sb, std::string(1007, '.').c_str()), 0);
+    ASSERT_EQ(sb.size - sb.length, 16U);
+    EXPECT_EQ(strbuf_append_b64n_wrap(&sb, "abcd", 4, 0, 1), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 1020U);
+    EXPECT_EQ(text_of(sb), std::string(1007, '.') + "Y\nW\nJ\nj\nZ\nA\n=");
+    EXPECT_EQ(sb.text[1020], '\0');
+}
+
+TEST_F(AppendB64, GrowsWhenTheKeptPaddingAndItsNulWouldPassTheBlock) {
+    // "abcd" in lines of one writes sixteen bytes, one more than the
+    // capacity of 15; with the padding kept the NUL goes after all of them.
+    ASSERT_EQ(strbuf_append(&sb, std::string(1007, '.').c_str()), 0);
+    ASSERT_EQ(sb.size - sb.length, 16U);
+    EXPECT_EQ(strbuf_append_b64n_wrap(&sb, "abcd", 4, 1, 1), 0);
+    EXPECT_EQ(sb.size, 2047U);
+    EXPECT_EQ(sb.length, 1023U);
+    EXPECT_EQ(text_of(sb), std::string(1007, '.') + "Y\nW\nJ\nj\nZ\nA\n=\n=\n");
+    EXPECT_EQ(sb.text[1023], '\0');
+}
+
+TEST_F(AppendB64, GrowsByTheCountedCapacityOrForBytesThatWouldPassTheBlock) {
+    // Around the room where growth starts, for short inputs and short lines:
+    // growth when c' + p is not smaller than the room, or when the bytes
+    // written and the NUL after the final length would not fit.
+    const std::string input = "abcdefghijklmnopqrstuvwxyz0123456789";
+    for (int len = 1; len <= 13; ++len) {
+        for (int linelen = 1; linelen <= 9; ++linelen) {
+            const auto c = static_cast<std::size_t>((8 * len + 5) / 6);
+            const std::size_t p = 4 - c % 4;
+            const std::size_t counted = c + c / static_cast<std::size_t>(linelen) + 1;
+            char reference[128];
+            const int written =
+                base64_encode_wrap(reinterpret_cast<const unsigned char *>(input.data()), len,
+                                   reference, sizeof reference, linelen);
+            ASSERT_GT(written, 0);
+            for (int pad = 0; pad <= 1; ++pad) {
+                for (std::size_t room = counted + p - 1; room <= counted + p + 2; ++room) {
+                    SCOPED_TRACE("len " + std::to_string(len) + ", line " +
+                                 std::to_string(linelen) + ", pad " + std::to_string(pad) +
+                                 ", room " + std::to_string(room));
+                    strbuf_free(&sb);
+                    ASSERT_EQ(strbuf_append(&sb, std::string(1023 - room, '.').c_str()), 0);
+                    ASSERT_EQ(strbuf_append_b64n_wrap(&sb, input.data(), len, pad, linelen), 0);
+                    const std::size_t end = pad != 0 ? static_cast<std::size_t>(written) : counted;
+                    const bool grows = counted + p >= room ||
+                                       (pad != 0 && static_cast<std::size_t>(written) >= room);
+                    EXPECT_EQ(sb.size, grows ? 2047U : 1023U);
+                    EXPECT_EQ(sb.length, 1023 - room + end);
+                    const std::size_t compared = std::min<std::size_t>(end, written);
+                    EXPECT_EQ(std::string(sb.text + 1023 - room, compared),
+                              std::string(reference, compared));
+                    EXPECT_EQ(sb.text[sb.length], '\0');
+                }
+            }
+        }
+    }
 }
 
 TEST_F(AppendB64, RoundTripsRandomBytesOfEveryLengthUpTo300) {

@@ -98,9 +98,57 @@ TEST_F(UrlEncode, MakesRoomForThreeTimesTheLength) {
     EXPECT_EQ(text_of(sb), expected);
 }
 
+TEST_F(UrlEncode, SizesTheRoomFromTheLengthAlone) {
+    // strbuf_put of NULL leaves length 0 and the old bytes: the room asked
+    // for is 0 bytes, and the 400 unreserved bytes walked fit where they are.
+    set(std::string(400, 'a'));
+    ASSERT_EQ(sb.size, 1023U);
+    ASSERT_EQ(strbuf_put(&sb, nullptr), -1);
+    ASSERT_EQ(sb.length, 0U);
+    EXPECT_EQ(strbuf_urlencode(&sb), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 400U);
+    EXPECT_EQ(text_of(sb), std::string(400, 'a'));
+    EXPECT_EQ(sb.text[400], '\0');
+}
+
+TEST_F(UrlEncode, SizesTheRoomFromTheLengthAloneAfterATranslationDeletedAll) {
+    std::string text;
+    std::string expected;
+    for (int i = 0; i < 120; ++i) {
+        text += "a b";
+        expected += "a%20b";
+    }
+    set(text);
+    ASSERT_EQ(sb.size, 1023U);
+    ASSERT_EQ(strbuf_translate(&sb, "a b", nullptr), 0);
+    ASSERT_EQ(sb.length, 0U);
+    EXPECT_EQ(strbuf_urlencode(&sb), 0);
+    EXPECT_EQ(sb.size, 1023U);
+    EXPECT_EQ(sb.length, 600U);
+    EXPECT_EQ(text_of(sb), expected);
+    EXPECT_EQ(sb.text[600], '\0');
+}
+
+TEST_F(UrlEncode, GrowsToTheEncodedLengthWhenTheWalkOutrunsAShorterLength) {
+    // A caller that shortened length by hand leaves the text's NUL far
+    // behind it: 3 * 10 bytes are asked for, 3000 are written.
+    set(std::string(1000, '/'));
+    sb.length = 10;
+    EXPECT_EQ(strbuf_urlencode(&sb), 0);
+    std::string expected;
+    for (int i = 0; i < 1000; ++i)
+        expected += "%2f";
+    EXPECT_EQ(sb.length, 3000U);
+    EXPECT_EQ(text_of(sb), expected);
+    EXPECT_EQ(sb.text[3000], '\0');
+    EXPECT_EQ(sb.size, 3071U); // 3001 with the ten low bits set
+}
+
 TEST_F(UrlEncode, WalksOldBytesBeyondALengthOfZeroWithinItsRoom) {
     // A translation that deletes everything leaves length 0 and the old
-    // bytes unterminated; the encoding walks them to their NUL.
+    // bytes unterminated; the encoding walks them to their NUL, and as 1200
+    // bytes do not fit in the block, grows it to hold them.
     set(std::string(400, '/'));
     ASSERT_EQ(strbuf_translate(&sb, "/", nullptr), 0);
     ASSERT_EQ(sb.length, 0U);
@@ -124,6 +172,27 @@ TEST_F(UrlEncode, EmptiesTheTextAndKeepsTheLengthOnMemoryFailure) {
         EXPECT_EQ(result, -1);
         EXPECT_EQ(sb.text[0], '\0');
         EXPECT_EQ(sb.length, 400U);
+        EXPECT_EQ(std::string(sb.text + 1, 399), std::string(399, '/'));
+    });
+    EXPECT_GE(allocations, 1); // at least the growth to 1200 bytes
+}
+
+TEST_F(UrlEncode, AFailedGrowthForOldBytesBeyondTheLengthEmptiesTheText) {
+    const long allocations = qx_test::sweep_allocation_failures([&](long n) {
+        set(std::string(400, '/'));
+        ASSERT_EQ(strbuf_translate(&sb, "/", nullptr), 0);
+        ASSERT_EQ(sb.length, 0U);
+        const int result =
+            qx_test::call_with_failing_allocation(n, [&] { return strbuf_urlencode(&sb); });
+        if (!qx_test::allocation_was_failed()) {
+            EXPECT_EQ(result, 0);
+            EXPECT_EQ(sb.length, 1200U);
+            return;
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(sb.text[0], '\0');
+        EXPECT_EQ(sb.length, 0U);
+        EXPECT_EQ(sb.size, 1023U);
         EXPECT_EQ(std::string(sb.text + 1, 399), std::string(399, '/'));
     });
     EXPECT_GE(allocations, 1); // at least the growth to 1200 bytes

@@ -234,6 +234,22 @@ TEST_F(OsInfo, AParsedRecordIsNotReadAgain) {
     EXPECT_STREQ(osrelease_v2(info, "ID"), "first");
 }
 
+TEST_F(OsInfo, AParsedRecordWhosePathWasReleasedIsNotReadAgain) {
+    os_info *info = record_for("ID=first\n");
+    ASSERT_EQ(openosrelease_v2(info), 0);
+    char *text = info->text;
+    const os_info_pair *pairs = info->pairs;
+    std::free(info->path);
+    info->path = nullptr;
+    errno = 0;
+    EXPECT_EQ(openosrelease_v2(info), 0);
+    EXPECT_EQ(errno, 0);
+    EXPECT_EQ(info->text, text);
+    EXPECT_EQ(info->pairs, pairs);
+    EXPECT_EQ(info->path, nullptr);
+    EXPECT_STREQ(osrelease_v2(info, "ID"), "first");
+}
+
 TEST_F(OsInfo, LinesWithoutEqualsSignAreSkipped) {
     os_info *info = record_for("just words\n\nID=x\n# comment\n");
     EXPECT_EQ(openosrelease_v2(info), 0);

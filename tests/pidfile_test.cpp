@@ -900,4 +900,53 @@ TEST_F(CheckForInstance, OutOfMemoryPrintsIndexerDoneAndExitsWithStatusOne) {
                                      "unable to open allocate memory filepath(main)"}));
 }
 
+// ---- get_process_name: executable paths of 1024 bytes and more -----------
+
+using GetProcessNameOfALongPath = PidfileTest;
+
+// A copy of the helper program under nested directories, so that its path
+// is longer than 1024 bytes.
+std::string copy_under_a_long_path(const temp_dir &dir, std::size_t at_least) {
+    std::string path = dir.path();
+    char component = 'a';
+    while (path.size() + 1 + 200 + 1 + 16 < at_least) {
+        path += "/" + std::string(200, component++);
+        EXPECT_EQ(mkdir(path.c_str(), 0700), 0) << path;
+    }
+    path += "/" + std::string(at_least - path.size() - 1, 'x');
+    copy_executable(QX_TEST_CHILD, path);
+    return path;
+}
+
+TEST_F(GetProcessNameOfALongPath, KeepsTheFirst1024BytesOfTheLink) {
+    const std::string program = copy_under_a_long_path(dir_, 1100);
+    ASSERT_EQ(program.size(), 1100U);
+    const std::string pid_path = dir_.file("child.pid");
+    child_process child(sleeping_child(program, pid_path));
+    ASSERT_TRUE(wait_for_pid_line(pid_path));
+    ASSERT_EQ(link_target("/proc/" + pid_text(child.pid()) + "/exe"), program);
+
+    char *exe = nullptr;
+    EXPECT_EQ(get_process_name(pid_text(child.pid()).c_str(), &exe), 0);
+    ASSERT_NE(exe, nullptr);
+    EXPECT_EQ(std::string(exe, 1024), program.substr(0, 1024));
+    // The block holds a NUL after those bytes, so the text still ends.
+    EXPECT_EQ(std::strlen(exe), 1024U);
+    std::free(exe);
+}
+
+TEST_F(GetProcessNameOfALongPath, APathOfExactly1024BytesIsWhole) {
+    const std::string program = copy_under_a_long_path(dir_, 1024);
+    ASSERT_EQ(program.size(), 1024U);
+    const std::string pid_path = dir_.file("child.pid");
+    child_process child(sleeping_child(program, pid_path));
+    ASSERT_TRUE(wait_for_pid_line(pid_path));
+
+    char *exe = nullptr;
+    EXPECT_EQ(get_process_name(pid_text(child.pid()).c_str(), &exe), 0);
+    ASSERT_NE(exe, nullptr);
+    EXPECT_EQ(std::string(exe), program);
+    std::free(exe);
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -8,15 +9,43 @@
 #include <sys/stat.h>
 
 #include "qxcommon-util/rfc3339.h"
+#include "support/temp_dir.hpp"
 
 namespace {
 
+constexpr time_t epoch = 0;
 // 2009-02-13T23:31:30Z.
 constexpr time_t well_known_time = 1234567890;
 // 2009-07-01T00:00:00Z, in the summer of the northern hemisphere.
 constexpr time_t mid_2009 = 1246406400;
 // 10000-01-01T00:00:00Z.
 constexpr time_t year_10000 = 253402300800;
+
+// A time zone file of version 2 with one local time type of the given offset
+// from UTC and no transitions, so that the offset holds at every time. The
+// footer's rule is empty: the zone cannot be written as a TZ rule, whose
+// hours stop at 24.
+std::string zone_file_with_offset(std::int32_t offset) {
+    const auto be32 = [](std::uint32_t v) {
+        std::string out(4, '\0');
+        for (int i = 0; i < 4; ++i)
+            out[static_cast<std::size_t>(i)] = static_cast<char>(v >> (24 - 8 * i) & 0xFF);
+        return out;
+    };
+    const std::string designation("XXX", 4);
+    std::string header = "TZif2" + std::string(15, '\0');
+    // Counts: UT indicators, standard indicators, leap seconds,
+    // transitions, local time types, designation characters.
+    for (const std::uint32_t count : {0U, 0U, 0U, 0U, 1U, 4U})
+        header += be32(count);
+    // One local time type: the offset, not daylight time, designation 0.
+    const std::string data =
+        be32(static_cast<std::uint32_t>(offset)) + std::string(2, '\0') + designation;
+    // The 32-bit block, then the same again for the 64-bit readers (with no
+    // transition times or leap seconds the two blocks hold the same bytes),
+    // then the empty footer.
+    return header + data + header + data + "\n\n";
+}
 
 // Every test sets the zone it needs through TZ and puts the old one back.
 class Rfc3339Date : public ::testing::Test {
@@ -94,6 +123,32 @@ TEST_F(Rfc3339Date, DropsTheSecondsOfAnOffset) {
 TEST_F(Rfc3339Date, AnOffsetOfSecondsOnlyGivesPlusZeroNotZ) {
     use_zone("XXX-0:00:30");
     EXPECT_EQ(date(0), "1970-01-01T00:00:30+00:00");
+}
+
+// The hours of the offset are not bounded: from 100 hours on they take three
+// digits, and the six-byte offset text then loses its last minute digit.
+TEST_F(Rfc3339Date, AnOffsetOfAHundredHoursOrMoreKeepsAllItsHourDigits) {
+    qx_test::temp_dir dir;
+    struct zone {
+        std::int32_t offset;
+        const char *name;
+        const char *expected;
+    };
+    const zone zones[] = {
+        {360000, "plus100h", "1970-01-05T04:00:00+100:0"},
+        {-360000, "minus100h", "1969-12-27T20:00:00-100:0"},
+        {2592000, "plus720h", "1970-01-31T00:00:00+720:0"},
+    };
+    for (const zone &z : zones) {
+        SCOPED_TRACE(z.name);
+        const std::string path = dir.file(z.name);
+        qx_test::write_file(path, zone_file_with_offset(z.offset));
+        use_zone(path.c_str());
+        struct tm local {};
+        ASSERT_NE(localtime_r(&epoch, &local), nullptr);
+        ASSERT_EQ(local.tm_gmtoff, z.offset) << "the C library refused the zone file";
+        EXPECT_EQ(date(epoch), z.expected);
+    }
 }
 
 TEST_F(Rfc3339Date, UsesTheOffsetInForceAtThatTime) {

@@ -1,10 +1,12 @@
 // The string buffer: growth rules, the basic operations, the heap form.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <malloc.h>
 #include <string>
 #include <vector>
 #include <unistd.h>
@@ -119,6 +121,58 @@ TEST(StrbufAppend, GrowthIsComputedFromTheOldSizeNotTheLength) {
     ASSERT_EQ(strbuf_append(&sb, std::string(600, 'b').c_str()), 0);
     EXPECT_EQ(sb.size, 3071U); // (2047 + 600 + 1) | 1023
     EXPECT_EQ(sb.length, 2100U);
+}
+
+// Large buffers grow like small ones: every growth asks realloc for exactly
+// the new size, and the allocator keeps no more than its own rounding, which
+// is less than a page.
+TEST(StrbufNappend, LargeBuffersAskReallocForExactlyTheNewSizeOnEveryGrowth) {
+    owned_strbuf sb;
+    const std::string first(70000, 'a');
+    const std::string second(20000, 'b');
+    const std::string third(1135, 'c');
+    const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+
+    ASSERT_EQ(strbuf_nappend(&sb, first.data(), first.size()), 0);
+    EXPECT_EQ(sb.size, 70655U); // (0 + 70000 + 1) | 1023
+
+    ASSERT_EQ(strbuf_nappend(&sb, second.data(), second.size()), 0);
+    EXPECT_EQ(sb.size, 91135U); // (70655 + 20000 + 1) | 1023
+    EXPECT_GE(malloc_usable_size(sb.text), sb.size);
+    EXPECT_LT(malloc_usable_size(sb.text), sb.size + page);
+
+    // 1135 bytes do not fit in the room of 1135: one more realloc.
+    {
+        const qx_test::failing_allocation count_only(LONG_MAX);
+        ASSERT_EQ(strbuf_nappend(&sb, third.data(), third.size()), 0);
+        EXPECT_EQ(qx_test::allocations_seen(), 1);
+    }
+    EXPECT_EQ(sb.size, 93183U); // (91135 + 1135 + 1) | 1023
+    EXPECT_EQ(sb.length, 91135U);
+    EXPECT_GE(malloc_usable_size(sb.text), sb.size);
+    EXPECT_LT(malloc_usable_size(sb.text), sb.size + page);
+    EXPECT_TRUE(sb.bytes() == first + second + third); // no dump of 90 kB on failure
+    EXPECT_EQ(sb.text[sb.length], '\0');
+}
+
+// The same growth failing: -1 and the buffer as it was, although the block
+// the allocator handed out before may well have held the new size.
+TEST(StrbufNappend, AFailedReallocOfALargeBufferLeavesItUnchanged) {
+    owned_strbuf sb;
+    const std::string first(70000, 'a');
+    const std::string second(20000, 'b');
+    const std::string third(1135, 'c');
+    ASSERT_EQ(strbuf_nappend(&sb, first.data(), first.size()), 0);
+    ASSERT_EQ(strbuf_nappend(&sb, second.data(), second.size()), 0);
+    const char *text = sb.text;
+    const int result = qx_test::call_with_failing_allocation(
+        0, [&] { return strbuf_nappend(&sb, third.data(), third.size()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(sb.text, text);
+    EXPECT_EQ(sb.length, 90000U);
+    EXPECT_EQ(sb.size, 91135U);
+    EXPECT_TRUE(std::string(sb.text, sb.length + 1) == first + second + std::string(1, '\0'));
 }
 
 TEST(StrbufAppend, CopiesEveryShortLengthWithItsNulAndNoByteMore) {

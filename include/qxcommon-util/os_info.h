@@ -33,7 +33,8 @@ QX_API os_info *os_info_create(const char *path);
  * when parsed, already parsed, empty (pairs stay NULL) or when growing the
  * pair table failed midway (the pairs found so far are kept); -1 with errno
  * when the file cannot be read (the record is then unchanged), and with
- * EINVAL for a NULL record or a record without a path.
+ * EINVAL for a NULL record or an unparsed record without a path. A record
+ * whose pairs are set gives 0 without reading, even with a NULL path.
  *
  * Each line is cut at its line feed. A line starting with a space, and a
  * line without "=", is skipped. The key is the text before the first "=",

@@ -13,7 +13,9 @@ extern "C" {
 
 /* Writes the time as YYYY-MM-DDTHH:MM:SS followed by "Z" when the local
  * offset from UTC is zero, else by "+HH:MM" or "-HH:MM" (seconds of the
- * offset are dropped, so an offset of a few seconds gives "+00:00"). No
+ * offset are dropped, so an offset of a few seconds gives "+00:00"). The
+ * offset text has room for five characters: from 100 hours on the hours
+ * take three digits and the last minute digit is cut ("+100:0"). No
  * fractions of seconds. The local time zone is the process's (TZ).
  *
  * Returns the length of the whole text as snprintf(3) counts it; when that

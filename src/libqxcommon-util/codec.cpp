@@ -596,10 +596,14 @@ QX_API int strbuf_append_b64n_wrap(strbuf *sb, const void *data, int len, int pa
         linelen != 0 ? unpadded + unpadded / static_cast<std::uint32_t>(linelen) + 1U : unpadded;
     const std::uint32_t capacity = counted + padding;
 
-    // The room is at least the capacity the encoder is told about; very short
-    // lines (one or two characters) write more than that, and get it too.
-    const std::size_t room = std::max<std::size_t>(capacity, base64_written(len, linelen));
-    if (strbuf_reserve(sb, room) != 0)
+    // The buffer grows when the capacity the encoder is told about does not
+    // fit in the room. Lines of one character write one byte more than that
+    // capacity for inputs of 3k + 1 bytes: the bytes still fit a room that
+    // took the capacity, but with the padding kept the NUL goes after all of
+    // them, and only then is more room needed.
+    const std::size_t written_bytes = base64_written(len, linelen);
+    const std::size_t last_byte = pad != 0 ? written_bytes : written_bytes - 1;
+    if (strbuf_reserve(sb, std::max<std::size_t>(capacity, last_byte)) != 0)
         return -1;
     const auto *bytes = static_cast<const unsigned char *>(data);
     char *end = sb->text + sb->length;

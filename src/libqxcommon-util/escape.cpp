@@ -100,8 +100,8 @@ constexpr auto unreserved_runs = make_unreserved_runs();
 // Encodes the whole 32-byte blocks of the n bytes of source: a block of
 // unreserved bytes only is copied with one store, any other goes byte by
 // byte. Returns the bytes of source consumed; *end receives the end of the
-// output, which never runs ahead of three times the input, so the room is
-// there for every store.
+// output. Every store writes output bytes only, so the room for the encoded
+// form is room for every store.
 __attribute__((target("avx2"))) std::size_t percent_encode_avx2(const char *source, std::size_t n,
                                                                 char *out, char **end) noexcept {
     std::size_t i = 0;
@@ -133,7 +133,7 @@ __attribute__((target("avx2"))) std::size_t percent_encode_avx2(const char *sour
 
 // Writes the percent-encoded form of the n bytes of source (which end with a
 // NUL and hold no other) at out and returns the bytes written. out has room
-// for three bytes per input byte and one more.
+// for them and one more; nothing is stored beyond them.
 std::size_t percent_encode(const char *source, std::size_t n, char *out) noexcept {
     char *o = out;
     std::size_t i = 0;
@@ -144,6 +144,27 @@ std::size_t percent_encode(const char *source, std::size_t n, char *out) noexcep
     for (; i < n; ++i)
         o = percent_encode_byte(static_cast<unsigned char>(source[i]), o);
     return static_cast<std::size_t>(o - out);
+}
+
+// The bytes the percent-encoded form of the n bytes of source takes.
+std::size_t percent_encoded_length(const char *source, std::size_t n) noexcept {
+    std::size_t length = n;
+    for (std::size_t i = 0; i < n; ++i)
+        if (!url_unreserved[static_cast<unsigned char>(source[i])])
+            length += 2;
+    return length;
+}
+
+// Makes sure the block holds n bytes and a NUL, growing it with the length
+// rule when it does not; the length is left to the caller.
+bool room_for(strbuf *sb, std::size_t n) noexcept {
+    if (n < sb->size)
+        return true;
+    const std::size_t length = sb->length;
+    if (strbuf_setlength(sb, n) != 0)
+        return false;
+    sb->length = length;
+    return true;
 }
 
 // Decodes the NUL-terminated text over itself; returns the decoded byte
@@ -251,19 +272,26 @@ using namespace qx::detail;
 extern "C" {
 
 QX_API int strbuf_urlencode(strbuf *sb) {
+    const std::size_t length = sb->length;
     const unique_malloc<char> copy(::strdup(sb->text != nullptr ? sb->text : ""));
-    // Every byte may take three: the buffer is sized for that first. The walk
-    // goes to the copy's NUL, which after strbuf_put of NULL or a translation
-    // that deleted everything lies beyond length; the room covers it too.
-    const std::size_t walked = copy == nullptr ? 0 : std::max(sb->length, std::strlen(copy.get()));
-    if (copy == nullptr || walked > SIZE_MAX / 3 || strbuf_setlength(sb, 3 * walked) != 0) {
+    // Every byte of the text may take three: the buffer is sized for that
+    // first. The walk goes to the copy's NUL, which after strbuf_put of NULL
+    // or a translation that deleted everything lies beyond length; only when
+    // the bytes written there could pass the block are they counted, and the
+    // block grown if they would.
+    const bool sized =
+        copy != nullptr && length <= SIZE_MAX / 3 && strbuf_setlength(sb, 3 * length) == 0;
+    const std::size_t walked = sized ? std::strlen(copy.get()) : 0;
+    if (!sized ||
+        (walked >= sb->size / 3 && !room_for(sb, percent_encoded_length(copy.get(), walked)))) {
         // The text is emptied while length stays; callers have always seen
         // a failed encoding this way.
+        sb->length = length;
         if (sb->text != nullptr)
             sb->text[0] = '\0';
         return -1;
     }
-    sb->length = percent_encode(copy.get(), std::strlen(copy.get()), sb->text);
+    sb->length = percent_encode(copy.get(), walked, sb->text);
     sb->text[sb->length] = '\0';
     return 0;
 }

@@ -91,12 +91,18 @@ QX_API os_info *os_info_create(const char *path) {
 }
 
 QX_API int openosrelease_v2(os_info *info) {
-    if (info == nullptr || info->path == nullptr) {
+    if (info == nullptr) {
         errno = EINVAL;
         return -1;
     }
+    // A parsed record answers from what it holds: its path is not looked at,
+    // and may even have been released.
     if (info->pairs != nullptr)
         return 0;
+    if (info->path == nullptr) {
+        errno = EINVAL;
+        return -1;
+    }
     char *text = nullptr;
     int length = 0;
     if (openreadclose(info->path, &text, &length) != 0)

@@ -211,10 +211,11 @@ int get_process_name(const char *pid_text, char **exe_path) {
     constexpr const char *no_memory = "unable to open allocate memory buf(get_process_name)";
     unique_malloc<char> link(static_cast<char *>(zeroed_block_or_die(link_path_size, no_memory)));
     compose_link_path(link.get(), pid_text);
-    char *block = static_cast<char *>(zeroed_block_or_die(exe_path_size, no_memory));
+    // Up to 1024 bytes of the link are kept. The block has one zero byte
+    // more, so that even a text of all 1024 bytes ends in a NUL.
+    char *block = static_cast<char *>(zeroed_block_or_die(exe_path_size + 1, no_memory));
     *exe_path = block;
-    // One byte short of the block, so that the zeroes always end the text.
-    const ssize_t count = ::readlink(link.get(), block, exe_path_size - 1);
+    const ssize_t count = ::readlink(link.get(), block, exe_path_size);
     return count > 0 ? 0 : -1;
 }
 

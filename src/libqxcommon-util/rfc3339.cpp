@@ -11,12 +11,14 @@ namespace {
 constexpr unsigned long seconds_per_hour = 3600;
 constexpr unsigned long seconds_per_minute = 60;
 
-// "HH:MM" of an absolute offset; seconds of the offset are dropped. Real
-// offsets stay below a day; the "% 100" only shows that two digits suffice.
-void format_offset(unsigned long offset, char (&text)[6]) noexcept {
-    std::snprintf(text, sizeof text, "%02u:%02u",
-                  static_cast<unsigned>(offset / seconds_per_hour % 100),
-                  static_cast<unsigned>(offset % seconds_per_hour / seconds_per_minute));
+// "HH:MM" of an absolute offset; seconds of the offset are dropped. The hours
+// are not bounded: from 100 hours on they take three digits or more, and the
+// six-byte text then keeps only what fits (100 hours give "100:0"). Zone
+// files can hold such offsets, and callers see the text cut this way.
+// Returns the length of the whole text, as snprintf counts it.
+int format_offset(unsigned long offset, char (&text)[6]) noexcept {
+    return std::snprintf(text, sizeof text, "%02lu:%02lu", offset / seconds_per_hour,
+                         offset % seconds_per_hour / seconds_per_minute);
 }
 
 } // namespace
@@ -35,9 +37,9 @@ QX_API int rfc3339_date(time_t when, char *dest, size_t size) {
     if (local.tm_gmtoff != 0) {
         sign = local.tm_gmtoff > 0 ? '+' : '-';
         const long offset = local.tm_gmtoff;
-        qx::detail::format_offset(offset > 0 ? static_cast<unsigned long>(offset)
-                                             : 0UL - static_cast<unsigned long>(offset),
-                                  offset_text);
+        (void)qx::detail::format_offset(offset > 0 ? static_cast<unsigned long>(offset)
+                                                   : 0UL - static_cast<unsigned long>(offset),
+                                        offset_text);
     }
     return std::snprintf(dest, size, "%04d-%02d-%02dT%02d:%02d:%02d%c%s", local.tm_year + 1900,
                          local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,

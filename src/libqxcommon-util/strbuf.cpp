@@ -1,75 +1,21 @@
 // The growable text buffer: growth rules and the basic operations.
 #include "qxcommon-util/strbuf.h"
 
-#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <malloc.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
-#include "internal/guards.hpp"
 #include "internal/strbuf_growth.hpp"
 
 namespace qx::detail {
 
 namespace {
 
-// From this size on, a growth by rule A asks the allocator for half as much
-// again as the rule's size and records only the rule's size. A long run of
-// small appends grows the buffer by about a kibibyte each time; with the room
-// already there, most of those growths only raise the recorded size instead
-// of remapping the block. Below this size reallocation is cheap anyway.
-constexpr std::size_t spare_room_from = std::size_t{64} * 1024;
-
-// Faults in pages ahead of the appends, 256 KiB at a time: one call is far
-// cheaper than a page fault per page, and the appends are about to write
-// there. Done when a growth crosses a 256 KiB boundary. The kernel zeroes each
-// page as it maps it, so the stretch is kept small enough to still be in the
-// cache when the appends reach it; a mebibyte at a time was slower. A kernel
-// without the advice declines it and nothing changes.
-constexpr std::size_t populate_ahead = std::size_t{1} << 18;
-
-void populate_ahead_of(char *text, std::size_t oldsize, std::size_t newsize,
-                       std::size_t usable) noexcept {
-    if (oldsize / populate_ahead == newsize / populate_ahead)
-        return;
-    const std::size_t end_offset = std::min(usable, newsize + populate_ahead);
-    const auto start =
-        (reinterpret_cast<std::uintptr_t>(text + oldsize) + 4095) & ~std::uintptr_t{4095};
-    const auto end = reinterpret_cast<std::uintptr_t>(text + end_offset) & ~std::uintptr_t{4095};
-    if (end > start) {
-        const errno_keeper keep;
-#ifdef MADV_POPULATE_WRITE
-        ::madvise(reinterpret_cast<void *>(start), end - start, MADV_POPULATE_WRITE);
-#endif
-    }
-}
-
-int reallocate(strbuf *sb, std::size_t newsize, bool spare_room) noexcept {
-    if (spare_room && sb->size >= spare_room_from && sb->text != nullptr) {
-        // The block may already hold the new size: then only the recorded
-        // size changes.
-        const std::size_t usable = ::malloc_usable_size(sb->text);
-        if (usable >= newsize) {
-            populate_ahead_of(sb->text, sb->size, newsize, usable);
-            sb->size = newsize;
-            return 0;
-        }
-        // Half as much again if that much memory is to be had; otherwise
-        // the exact size, below.
-        if (newsize <= SIZE_MAX / 3 * 2) {
-            const std::size_t asked = newsize + newsize / 2;
-            if (void *block = std::realloc(sb->text, asked)) {
-                populate_ahead_of(static_cast<char *>(block), sb->size, newsize, asked);
-                sb->text = static_cast<char *>(block);
-                sb->size = newsize;
-                return 0;
-            }
-        }
-    }
+// Every growth, whatever the size, asks realloc for exactly the new size;
+// the buffer never keeps room beyond the size it records.
+int reallocate(strbuf *sb, std::size_t newsize) noexcept {
     void *block = std::realloc(sb->text, newsize);
     if (block == nullptr)
         return -1;
@@ -124,7 +70,7 @@ int strbuf_reserve(strbuf *sb, std::size_t n) noexcept {
     // catches a wrap that lands above it but still leaves no room for n bytes.
     if (newsize < sb->size || newsize - sb->length <= n)
         return -1;
-    return reallocate(sb, newsize, true);
+    return reallocate(sb, newsize);
 }
 
 int strbuf_reserve_length(strbuf *sb, std::size_t newlength) noexcept {
@@ -135,7 +81,7 @@ int strbuf_reserve_length(strbuf *sb, std::size_t newlength) noexcept {
     const std::size_t newsize = round_to_kib_less_one(newlength + 1);
     if (newsize < sb->size)
         return -1;
-    return reallocate(sb, newsize, false);
+    return reallocate(sb, newsize);
 }
 
 void strbuf_move(strbuf *to, strbuf *from) noexcept {

@@ -14,7 +14,8 @@ constexpr std::size_t round_to_kib_less_one(std::size_t n) noexcept {
 
 // Rule A: makes room for n more bytes and the NUL after them. The new size is
 // derived from the old allocated size, so every growth adds at least n + 1.
-// Returns 0, or -1 with the buffer unchanged.
+// A growth is one realloc of exactly the new size, at any size. Returns 0, or
+// -1 with the buffer unchanged.
 int strbuf_reserve(strbuf *sb, std::size_t n) noexcept;
 
 // Rule B: makes room for a text of newlength bytes and its NUL, sizing the
