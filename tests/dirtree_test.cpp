@@ -10,6 +10,8 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <string>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -975,24 +977,120 @@ TEST_F(QxRrmdir, RemovesADanglingLink) {
     EXPECT_FALSE(file_exists(file("tree")));
 }
 
-TEST_F(QxRrmdir, FollowsALinkToAnOutsideDirectoryEmptiesItAndFailsOnTheLink) {
-    // Everything, the outside directory included, lives in the test
-    // directory.
+TEST_F(QxRrmdir, RemovesLinksInTheTreeAsLinksAndLeavesWhatTheyPointTo) {
+    // Everything, the outside entries included, lives in the test directory.
     make_directory(file("outside"));
     write_file(file("outside/one"), "1");
     make_directory(file("outside/inner"));
     write_file(file("outside/inner/two"), "2");
-    make_directory(file("tree"));
-    make_link(file("outside"), file("tree/link"));
-    errno = 0;
-    EXPECT_EQ(qx_rrmdir(file("tree").c_str()), -1);
-    // The linked directory's contents went; the link itself cannot be
-    // removed as a directory, and that stopped the walk.
-    EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_TRUE(is_directory(file("outside")));
-    EXPECT_EQ(entries_of(file("outside")), strings{});
-    EXPECT_TRUE(file_exists(file("tree/link")));
-    EXPECT_TRUE(is_directory(file("tree")));
+    write_file(file("lone"), "lone file");
+    make_tree(file("tree"));
+    make_link(file("outside"), file("tree/dir-link"));
+    make_link(file("outside/inner"), file("tree/sub/deeper/inner-link"));
+    make_link(file("lone"), file("tree/sub/file-link"));
+    make_link("../../outside", file("tree/sub/relative-link"));
+
+    EXPECT_EQ(qx_rrmdir(file("tree").c_str()), 0);
+
+    EXPECT_FALSE(file_exists(file("tree")));
+    EXPECT_EQ(entries_of(dir_.path()), (strings{"lone", "outside"}));
+    EXPECT_EQ(entries_of(file("outside")), (strings{"inner", "one"}));
+    EXPECT_EQ(read_file(file("outside/one")), "1");
+    EXPECT_EQ(entries_of(file("outside/inner")), strings{"two"});
+    EXPECT_EQ(read_file(file("outside/inner/two")), "2");
+    EXPECT_EQ(read_file(file("lone")), "lone file");
+}
+
+TEST_F(QxRrmdir, OfALinkToADirectoryRemovesTheLinkOnly) {
+    make_directory(file("outside"));
+    write_file(file("outside/one"), "1");
+    make_link(file("outside"), file("link"));
+    EXPECT_EQ(qx_rrmdir(file("link").c_str()), 0);
+    EXPECT_FALSE(file_exists(file("link")));
+    EXPECT_EQ(read_file(file("outside/one")), "1");
+}
+
+// What is left of the scratch file system after one qx_rrmdir call made
+// inside it: each bit one entry that survived.
+constexpr long scratch_canary = 1;
+constexpr long scratch_nest = 2;
+constexpr long scratch_inner = 4;
+constexpr long scratch_link = 8;
+constexpr long scratch_all = scratch_canary | scratch_nest | scratch_inner | scratch_link;
+constexpr int scratch_unavailable = -99;
+
+long scratch_survivors() {
+    long left = 0;
+    if (file_exists("/canary") && read_file("/canary") == "alive")
+        left |= scratch_canary;
+    if (is_directory("/nest"))
+        left |= scratch_nest;
+    if (file_exists("/nest/inner") && read_file("/nest/inner") == "inner")
+        left |= scratch_inner;
+    struct stat st {};
+    if (lstat("/root-link", &st) == 0 && S_ISLNK(st.st_mode))
+        left |= scratch_link;
+    return left;
+}
+
+// Calls qx_rrmdir(path) in a child that has its own mount namespace, a
+// fresh tmpfs mounted at mount_point and that tmpfs as its root directory,
+// with the working directory at that root. Whatever the call removes, it can
+// only be the scratch file system's contents: the real root stays out of
+// reach. The report's result is scratch_unavailable when the child cannot
+// set this up (no permission to unshare or mount).
+child_report rrmdir_in_scratch_root(const std::string &mount_point, const char *path) {
+    return run_in_child(false, [&] {
+        child_report r;
+        r.result = scratch_unavailable;
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("qx-scratch", mount_point.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                  "size=1m,mode=0755") != 0)
+            return r;
+        if (chroot(mount_point.c_str()) != 0 || chdir("/") != 0)
+            return r;
+        write_file("/canary", "alive");
+        if (mkdir("/nest", 0755) != 0 || symlink("/", "/root-link") != 0)
+            return r;
+        write_file("/nest/inner", "inner");
+        if (scratch_survivors() != scratch_all)
+            return r;
+        errno = 0;
+        r.result = qx_rrmdir(path);
+        r.error = errno;
+        r.extra = scratch_survivors();
+        return r;
+    });
+}
+
+TEST_F(QxRrmdir, OfAnyPathNamingTheRootReturnsMinusOneAndRemovesNothing) {
+    make_directory(file("scratch"));
+    for (const char *path :
+         {"/", "//", "///", "/.", "/./.", "/..", "/../", "/../..", "/.//./", "/nest/..", "nest/..",
+          ".", "./", "..", "/root-link/", "root-link/.", "/nest/../root-link/"}) {
+        SCOPED_TRACE(path);
+        const child_report report = rrmdir_in_scratch_root(file("scratch"), path);
+        ASSERT_TRUE(report.ran);
+        if (report.result == scratch_unavailable)
+            GTEST_SKIP() << "the test cannot confine itself to a scratch tmpfs "
+                            "(unshare or mount refused)";
+        EXPECT_EQ(report.result, -1);
+        EXPECT_EQ(report.extra, scratch_all);
+    }
+    // Nothing was ever mounted or written here, outside the children.
+    EXPECT_EQ(entries_of(file("scratch")), strings{});
+}
+
+TEST_F(QxRrmdir, OfALinkToTheRootRemovesOnlyTheLink) {
+    make_directory(file("scratch"));
+    const child_report report = rrmdir_in_scratch_root(file("scratch"), "/root-link");
+    ASSERT_TRUE(report.ran);
+    if (report.result == scratch_unavailable)
+        GTEST_SKIP() << "the test cannot confine itself to a scratch tmpfs "
+                        "(unshare or mount refused)";
+    EXPECT_EQ(report.result, 0);
+    EXPECT_EQ(report.extra, scratch_all & ~scratch_link);
 }
 
 TEST_F(QxRrmdir, StopsWithTheResultOfAFailingRemoval) {

@@ -39,9 +39,10 @@ QX_API int qx_cp(const char *src, const char *dst, int cpflags);
 QX_API int qx_pmkdir(const char *path, mode_t mode);
 
 /* Removes path and everything below it, contents first. Symbolic links are
- * followed: a link to a directory has the directory's contents removed and
- * then fails as a directory (ENOTDIR), which stops the walk. NULL and "/"
- * give -1 at once. Returns 0, or -1 from the walk or the failing removal. */
+ * never followed: a link in the tree (or at path itself) is removed as a
+ * link and what it points to is left alone. NULL and any path that names the
+ * root directory ("/", "//", "/.", "/../", ...) give -1 and remove nothing.
+ * Returns 0, or -1 from the walk or the failing removal. */
 QX_API int qx_rrmdir(const char *path);
 
 /* Creates and opens a new file named "<time>.<pid>.<attempt>" in dir (or

@@ -108,6 +108,18 @@ int remove_entry(const char *path, const struct stat *st, int type, struct FTW *
     return ::unlink(path);
 }
 
+// True when path, as the walk would take it, is the root directory: "//",
+// "/.", "/../", "dir/.." from the root and the like. The entry itself is
+// looked at, not what a link there points to, since the walk removes a link
+// as a link; a trailing slash makes the system follow it, and then it counts.
+bool names_the_root(const char *path) noexcept {
+    struct stat entry {};
+    struct stat root {};
+    if (::lstat(path, &entry) != 0 || ::stat("/", &root) != 0)
+        return false;
+    return entry.st_dev == root.st_dev && entry.st_ino == root.st_ino;
+}
+
 // A new block holding the name of one attempt, or NULL when it cannot be
 // allocated.
 char *tempfile_name(const char *dir, int attempt) noexcept {
@@ -190,11 +202,11 @@ QX_API int qx_pmkdir(const char *path, mode_t mode) {
 }
 
 QX_API int qx_rrmdir(const char *path) {
-    if (path == nullptr || std::strcmp(path, "/") == 0)
+    if (path == nullptr || std::strcmp(path, "/") == 0 || names_the_root(path))
         return -1;
-    // FTW_DEPTH alone: contents before their directory, and symbolic links
-    // followed.
-    return ::nftw(path, remove_entry, rrmdir_max_descriptors, FTW_DEPTH);
+    // Contents before their directory; a symbolic link is removed as a link
+    // and never walked through.
+    return ::nftw(path, remove_entry, rrmdir_max_descriptors, FTW_DEPTH | FTW_PHYS);
 }
 
 QX_API int create_tempfile(const char *dir, int flags, mode_t mode, char **name_out) {
