@@ -21,7 +21,9 @@ extern "C" {
  * target fail the copy with EEXIST. */
 #define QX_CP_OVERWRITE 1
 /* Create the target with the source's mode, then copy mode, access and
- * modification times (whole seconds) and owner and group. */
+ * modification times (whole seconds) and owner and group, through the open
+ * target (never its path); set-user-ID and set-group-ID bits are applied
+ * again after the change of owner. */
 #define QX_CP_KEEP_ATTRIBUTES 2
 /* Write with O_SYNC and fsync the directory that holds the target. */
 #define QX_CP_DURABLE 4

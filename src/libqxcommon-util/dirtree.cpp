@@ -13,7 +13,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include "internal/guards.hpp"
 
@@ -69,14 +68,20 @@ int copy_contents(int from, int to) noexcept {
     }
 }
 
-// The three results are not examined: the data is there whatever they say.
-void copy_attributes(const char *dst, const struct stat &source) noexcept {
-    ::chmod(dst, source.st_mode);
-    struct utimbuf times {};
-    times.actime = source.st_atime;
-    times.modtime = source.st_mtime;
-    ::utime(dst, &times);
-    ::chown(dst, source.st_uid, source.st_gid);
+// Applied through the open target, so that an entry swapped in at its path
+// meanwhile cannot redirect them. Changing the owner clears the set-user-ID
+// and set-group-ID bits, so a source that has them gets its mode once more
+// afterwards. The results are not examined: the data is there whatever they
+// say.
+void copy_attributes(int target, const struct stat &source) noexcept {
+    ::fchmod(target, source.st_mode);
+    struct timespec times[2]{};
+    times[0].tv_sec = source.st_atime;
+    times[1].tv_sec = source.st_mtime;
+    ::futimens(target, times);
+    ::fchown(target, source.st_uid, source.st_gid);
+    if ((source.st_mode & (S_ISUID | S_ISGID)) != 0)
+        ::fchmod(target, source.st_mode);
 }
 
 // Opens and syncs the directory that holds dst. -1 only when it cannot be
@@ -162,9 +167,9 @@ QX_API int qx_cp(const char *src, const char *dst, int cpflags) {
         return discard_target(target, dst);
     }
     input.reset();
-    target.reset();
     if ((cpflags & cp_keep_attributes) != 0)
-        copy_attributes(dst, source);
+        copy_attributes(target.get(), source);
+    target.reset();
     // Deliberate: a complete copy is thrown away when its directory cannot
     // be opened for the sync; callers treat such a copy as not durable.
     if ((cpflags & cp_durable) != 0 && sync_parent_directory(dst) != 0) {
