@@ -406,9 +406,9 @@ TEST_F(QxCp, WithoutKeepAttributesTheTargetGetsItsOwnTimesAndOwner) {
 // ---- qx_cp: attributes through the target descriptor ---------------------
 
 // The attribute calls the library makes, recorded by this program's own
-// definitions of them (just below). While a swap is
-// armed, the first such call first moves the target aside and plants a link
-// to a victim at its path, as an attacker racing the copy would.
+// definitions of them (just below). While a swap is armed, the first such
+// call first moves the target aside and plants a link to a victim at its
+// path, as an attacker racing the copy would.
 struct attribute_call {
     const char *function; // "chmod", "fchmod", "utime", "futimens", "chown", "fchown"
     int fd;               // -1 for the path-based calls
@@ -447,8 +447,8 @@ void note_attribute_call(const char *function, int fd, const char *path) {
 
 } // namespace
 
-// The attribute calls of the library land here first (see
-// attribute_call_recording above) and go on to the kernel unchanged.
+// The library's attribute calls (and the tests' own) land here first, are
+// noted while recording is on, and go on to the kernel unchanged.
 extern "C" {
 
 int chmod(const char *path, mode_t mode) {
