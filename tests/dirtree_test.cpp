@@ -10,14 +10,18 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <string>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <utime.h>
 #include <vector>
 
 #include "qxcommon-util/dirtree.h"
@@ -397,6 +401,247 @@ TEST_F(QxCp, WithoutKeepAttributesTheTargetGetsItsOwnTimesAndOwner) {
     const struct stat dst = stat_of(file("dst"));
     EXPECT_GE(dst.st_mtim.tv_sec, before);
     EXPECT_EQ(dst.st_uid, geteuid());
+}
+
+// ---- qx_cp: attributes through the target descriptor ---------------------
+
+// The attribute calls the library makes, recorded by this program's own
+// definitions of them (just below). While a swap is armed, the first such
+// call first moves the target aside and plants a link to a victim at its
+// path, as an attacker racing the copy would.
+struct attribute_call {
+    const char *function; // "chmod", "fchmod", "utime", "futimens", "chown", "fchown"
+    int fd;               // -1 for the path-based calls
+    char path[512];       // empty for the descriptor-based calls
+};
+
+constexpr int attribute_call_room = 16;
+bool recording_attribute_calls = false;
+int attribute_calls_recorded = 0;
+attribute_call attribute_calls[attribute_call_room];
+
+bool swap_armed = false;
+char swap_target[512];
+char swap_moved[512];
+char swap_victim[512];
+
+void copy_path(char (&to)[512], const char *from) {
+    std::strncpy(to, from != nullptr ? from : "", sizeof to - 1);
+    to[sizeof to - 1] = '\0';
+}
+
+void note_attribute_call(const char *function, int fd, const char *path) {
+    if (swap_armed) {
+        swap_armed = false;
+        if (renameat(AT_FDCWD, swap_target, AT_FDCWD, swap_moved) != 0 ||
+            symlink(swap_victim, swap_target) != 0)
+            std::abort();
+    }
+    if (!recording_attribute_calls || attribute_calls_recorded == attribute_call_room)
+        return;
+    attribute_call &call = attribute_calls[attribute_calls_recorded++];
+    call.function = function;
+    call.fd = fd;
+    copy_path(call.path, path);
+}
+
+} // namespace
+
+// The library's attribute calls (and the tests' own) land here first, are
+// noted while recording is on, and go on to the kernel unchanged.
+extern "C" {
+
+int chmod(const char *path, mode_t mode) {
+    note_attribute_call("chmod", -1, path);
+    return static_cast<int>(syscall(SYS_fchmodat, AT_FDCWD, path, mode));
+}
+
+int fchmod(int fd, mode_t mode) {
+    note_attribute_call("fchmod", fd, nullptr);
+    return static_cast<int>(syscall(SYS_fchmod, fd, mode));
+}
+
+int chown(const char *path, uid_t owner, gid_t group) {
+    note_attribute_call("chown", -1, path);
+    return static_cast<int>(syscall(SYS_fchownat, AT_FDCWD, path, owner, group, 0));
+}
+
+int fchown(int fd, uid_t owner, gid_t group) {
+    note_attribute_call("fchown", fd, nullptr);
+    return static_cast<int>(syscall(SYS_fchown, fd, owner, group));
+}
+
+int utime(const char *path, const struct utimbuf *times) {
+    note_attribute_call("utime", -1, path);
+    struct timespec both[2]{};
+    both[0].tv_sec = times->actime;
+    both[1].tv_sec = times->modtime;
+    return static_cast<int>(syscall(SYS_utimensat, AT_FDCWD, path, both, 0));
+}
+
+int futimens(int fd, const struct timespec times[2]) {
+    note_attribute_call("futimens", fd, nullptr);
+    return static_cast<int>(syscall(SYS_utimensat, fd, nullptr, times, 0));
+}
+
+} // extern "C"
+
+namespace {
+
+// Records the attribute calls while it lives.
+class attribute_call_recording {
+  public:
+    attribute_call_recording() {
+        attribute_calls_recorded = 0;
+        recording_attribute_calls = true;
+    }
+    ~attribute_call_recording() { recording_attribute_calls = false; }
+    attribute_call_recording(const attribute_call_recording &) = delete;
+    attribute_call_recording &operator=(const attribute_call_recording &) = delete;
+
+    // "function(fd)" or "function(path)" for each call, in order.
+    strings calls() const {
+        strings all;
+        for (int i = 0; i < attribute_calls_recorded; ++i) {
+            const attribute_call &call = attribute_calls[i];
+            all.push_back(std::string(call.function) + "(" +
+                          (call.fd >= 0 ? std::to_string(call.fd) : std::string(call.path)) + ")");
+        }
+        return all;
+    }
+};
+
+// Arms the swap for the next attribute call; disarmed again when it ends.
+class link_swap_at_first_attribute_call {
+  public:
+    link_swap_at_first_attribute_call(const std::string &target, const std::string &moved,
+                                      const std::string &victim) {
+        copy_path(swap_target, target.c_str());
+        copy_path(swap_moved, moved.c_str());
+        copy_path(swap_victim, victim.c_str());
+        swap_armed = true;
+    }
+    ~link_swap_at_first_attribute_call() { swap_armed = false; }
+    link_swap_at_first_attribute_call(const link_swap_at_first_attribute_call &) = delete;
+    link_swap_at_first_attribute_call &
+    operator=(const link_swap_at_first_attribute_call &) = delete;
+    bool happened() const { return !swap_armed; }
+};
+
+// A source with the given mode, owner and times (whole and half seconds).
+void make_source(const std::string &path, mode_t mode, uid_t owner, gid_t group) {
+    write_file(path, pattern(10000));
+    ASSERT_EQ(chown(path.c_str(), owner, group), 0);
+    // After the change of owner, which clears the set-id bits.
+    ASSERT_EQ(chmod(path.c_str(), mode), 0);
+    ASSERT_EQ(mode_of(path), mode);
+    const struct timespec times[2] = {{1100000000, 250000000}, {1300000000, 500000000}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+void expect_attributes_of_source(const std::string &path, mode_t mode, uid_t owner, gid_t group) {
+    const struct stat st = stat_of(path);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, mode);
+    EXPECT_EQ(st.st_uid, owner);
+    EXPECT_EQ(st.st_gid, group);
+    EXPECT_EQ(st.st_atim.tv_sec, 1100000000);
+    EXPECT_EQ(st.st_atim.tv_nsec, 0);
+    EXPECT_EQ(st.st_mtim.tv_sec, 1300000000);
+    EXPECT_EQ(st.st_mtim.tv_nsec, 0);
+    EXPECT_EQ(read_file(path), pattern(10000));
+}
+
+TEST_F(QxCp, KeepAttributesKeepsSetUserIdOfASourceOwnedByAnotherUser) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "giving the source another owner needs root";
+    make_source(file("src"), 04755, 4321, 8765);
+    EXPECT_EQ(qx_cp(file("src").c_str(), file("dst").c_str(), QX_CP_KEEP_ATTRIBUTES), 0);
+    expect_attributes_of_source(file("dst"), 04755, 4321, 8765);
+}
+
+TEST_F(QxCp, KeepAttributesKeepsSetGroupIdOfASourceOwnedByAnotherGroup) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "giving the source another owner needs root";
+    make_source(file("src"), 02755, 4321, 8765);
+    EXPECT_EQ(qx_cp(file("src").c_str(), file("dst").c_str(), QX_CP_KEEP_ATTRIBUTES), 0);
+    expect_attributes_of_source(file("dst"), 02755, 4321, 8765);
+}
+
+TEST_F(QxCp, KeepAttributesKeepsBothSetIdBitsOverAnExistingTarget) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "giving the source another owner needs root";
+    make_source(file("src"), 06750, 4321, 8765);
+    write_file(file("dst"), "older and other content");
+    EXPECT_EQ(qx_cp(file("src").c_str(), file("dst").c_str(),
+                    QX_CP_OVERWRITE | QX_CP_KEEP_ATTRIBUTES | QX_CP_DURABLE),
+              0);
+    expect_attributes_of_source(file("dst"), 06750, 4321, 8765);
+}
+
+// The attribute calls of one copy, each naming the descriptor of the target
+// as "fd" rather than by its number.
+strings attribute_calls_of_copy(const std::string &src, const std::string &dst, int flags) {
+    fs_call_recording opens;
+    attribute_call_recording attributes;
+    EXPECT_EQ(qx_cp(src.c_str(), dst.c_str(), flags), 0);
+    const auto target_opens = calls_to("open");
+    const std::string target_fd =
+        target_opens.empty() ? "none" : std::to_string(target_opens[0].fd);
+    strings calls = attributes.calls();
+    for (std::string &call : calls) {
+        const std::string::size_type open = call.find('(');
+        if (call.substr(open + 1, call.size() - open - 2) == target_fd)
+            call = call.substr(0, open) + "(fd)";
+    }
+    return calls;
+}
+
+TEST_F(QxCp, KeepAttributesGoesThroughTheTargetDescriptorOnly) {
+    const bool root = geteuid() == 0;
+    const uid_t owner = root ? 4321 : geteuid();
+    const gid_t group = root ? 8765 : getegid();
+    make_source(file("plain"), 0640, owner, group);
+    make_source(file("setid"), 06755, owner, group);
+
+    // Mode, times and owner in that order, each on the open target.
+    EXPECT_EQ(attribute_calls_of_copy(file("plain"), file("plain-copy"), QX_CP_KEEP_ATTRIBUTES),
+              (strings{"fchmod(fd)", "futimens(fd)", "fchown(fd)"}));
+    // The mode once more after the owner, for the set-id bits.
+    EXPECT_EQ(attribute_calls_of_copy(file("setid"), file("setid-copy"),
+                                      QX_CP_OVERWRITE | QX_CP_KEEP_ATTRIBUTES | QX_CP_DURABLE),
+              (strings{"fchmod(fd)", "futimens(fd)", "fchown(fd)", "fchmod(fd)"}));
+    // Without the flag no attribute call is made at all.
+    EXPECT_EQ(attribute_calls_of_copy(file("setid"), file("bare-copy"), QX_CP_DURABLE), strings{});
+}
+
+TEST_F(QxCp, KeepAttributesCannotBeRedirectedByALinkSwappedInAtTheTarget) {
+    const bool root = geteuid() == 0;
+    const uid_t owner = root ? 4321 : geteuid();
+    const gid_t group = root ? 8765 : getegid();
+    make_source(file("src"), root ? 04711 : 0711, owner, group);
+    // The file an attacker would like changed: its own mode, owner and times.
+    write_file(file("victim"), "not to be touched");
+    ASSERT_EQ(chmod(file("victim").c_str(), 0600), 0);
+    const struct timespec victim_times[2] = {{900000000, 0}, {950000000, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, file("victim").c_str(), victim_times, 0), 0);
+    const struct stat before = stat_of(file("victim"));
+
+    {
+        link_swap_at_first_attribute_call swap(file("dst"), file("moved"), file("victim"));
+        EXPECT_EQ(qx_cp(file("src").c_str(), file("dst").c_str(), QX_CP_KEEP_ATTRIBUTES), 0);
+        ASSERT_TRUE(swap.happened());
+    }
+
+    const struct stat after = stat_of(file("victim"));
+    EXPECT_EQ(after.st_mode, before.st_mode);
+    EXPECT_EQ(after.st_uid, before.st_uid);
+    EXPECT_EQ(after.st_gid, before.st_gid);
+    EXPECT_EQ(after.st_atim.tv_sec, 900000000);
+    EXPECT_EQ(after.st_mtim.tv_sec, 950000000);
+    EXPECT_EQ(read_file(file("victim")), "not to be touched");
+    // The copy itself, moved aside, got every attribute.
+    expect_attributes_of_source(file("moved"), root ? 04711 : 0711, owner, group);
 }
 
 // ---- qx_cp: durable ------------------------------------------------------
@@ -975,24 +1220,120 @@ TEST_F(QxRrmdir, RemovesADanglingLink) {
     EXPECT_FALSE(file_exists(file("tree")));
 }
 
-TEST_F(QxRrmdir, FollowsALinkToAnOutsideDirectoryEmptiesItAndFailsOnTheLink) {
-    // Everything, the outside directory included, lives in the test
-    // directory.
+TEST_F(QxRrmdir, RemovesLinksInTheTreeAsLinksAndLeavesWhatTheyPointTo) {
+    // Everything, the outside entries included, lives in the test directory.
     make_directory(file("outside"));
     write_file(file("outside/one"), "1");
     make_directory(file("outside/inner"));
     write_file(file("outside/inner/two"), "2");
-    make_directory(file("tree"));
-    make_link(file("outside"), file("tree/link"));
-    errno = 0;
-    EXPECT_EQ(qx_rrmdir(file("tree").c_str()), -1);
-    // The linked directory's contents went; the link itself cannot be
-    // removed as a directory, and that stopped the walk.
-    EXPECT_EQ(errno, ENOTDIR);
-    EXPECT_TRUE(is_directory(file("outside")));
-    EXPECT_EQ(entries_of(file("outside")), strings{});
-    EXPECT_TRUE(file_exists(file("tree/link")));
-    EXPECT_TRUE(is_directory(file("tree")));
+    write_file(file("lone"), "lone file");
+    make_tree(file("tree"));
+    make_link(file("outside"), file("tree/dir-link"));
+    make_link(file("outside/inner"), file("tree/sub/deeper/inner-link"));
+    make_link(file("lone"), file("tree/sub/file-link"));
+    make_link("../../outside", file("tree/sub/relative-link"));
+
+    EXPECT_EQ(qx_rrmdir(file("tree").c_str()), 0);
+
+    EXPECT_FALSE(file_exists(file("tree")));
+    EXPECT_EQ(entries_of(dir_.path()), (strings{"lone", "outside"}));
+    EXPECT_EQ(entries_of(file("outside")), (strings{"inner", "one"}));
+    EXPECT_EQ(read_file(file("outside/one")), "1");
+    EXPECT_EQ(entries_of(file("outside/inner")), strings{"two"});
+    EXPECT_EQ(read_file(file("outside/inner/two")), "2");
+    EXPECT_EQ(read_file(file("lone")), "lone file");
+}
+
+TEST_F(QxRrmdir, OfALinkToADirectoryRemovesTheLinkOnly) {
+    make_directory(file("outside"));
+    write_file(file("outside/one"), "1");
+    make_link(file("outside"), file("link"));
+    EXPECT_EQ(qx_rrmdir(file("link").c_str()), 0);
+    EXPECT_FALSE(file_exists(file("link")));
+    EXPECT_EQ(read_file(file("outside/one")), "1");
+}
+
+// What is left of the scratch file system after one qx_rrmdir call made
+// inside it: each bit one entry that survived.
+constexpr long scratch_canary = 1;
+constexpr long scratch_nest = 2;
+constexpr long scratch_inner = 4;
+constexpr long scratch_link = 8;
+constexpr long scratch_all = scratch_canary | scratch_nest | scratch_inner | scratch_link;
+constexpr int scratch_unavailable = -99;
+
+long scratch_survivors() {
+    long left = 0;
+    if (file_exists("/canary") && read_file("/canary") == "alive")
+        left |= scratch_canary;
+    if (is_directory("/nest"))
+        left |= scratch_nest;
+    if (file_exists("/nest/inner") && read_file("/nest/inner") == "inner")
+        left |= scratch_inner;
+    struct stat st {};
+    if (lstat("/root-link", &st) == 0 && S_ISLNK(st.st_mode))
+        left |= scratch_link;
+    return left;
+}
+
+// Calls qx_rrmdir(path) in a child that has its own mount namespace, a
+// fresh tmpfs mounted at mount_point and that tmpfs as its root directory,
+// with the working directory at that root. Whatever the call removes, it can
+// only be the scratch file system's contents: the real root stays out of
+// reach. The report's result is scratch_unavailable when the child cannot
+// set this up (no permission to unshare or mount).
+child_report rrmdir_in_scratch_root(const std::string &mount_point, const char *path) {
+    return run_in_child(false, [&] {
+        child_report r;
+        r.result = scratch_unavailable;
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("qx-scratch", mount_point.c_str(), "tmpfs", MS_NOSUID | MS_NODEV,
+                  "size=1m,mode=0755") != 0)
+            return r;
+        if (chroot(mount_point.c_str()) != 0 || chdir("/") != 0)
+            return r;
+        write_file("/canary", "alive");
+        if (mkdir("/nest", 0755) != 0 || symlink("/", "/root-link") != 0)
+            return r;
+        write_file("/nest/inner", "inner");
+        if (scratch_survivors() != scratch_all)
+            return r;
+        errno = 0;
+        r.result = qx_rrmdir(path);
+        r.error = errno;
+        r.extra = scratch_survivors();
+        return r;
+    });
+}
+
+TEST_F(QxRrmdir, OfAnyPathNamingTheRootReturnsMinusOneAndRemovesNothing) {
+    make_directory(file("scratch"));
+    for (const char *path :
+         {"/", "//", "///", "/.", "/./.", "/..", "/../", "/../..", "/.//./", "/nest/..", "nest/..",
+          ".", "./", "..", "/root-link/", "root-link/.", "/nest/../root-link/"}) {
+        SCOPED_TRACE(path);
+        const child_report report = rrmdir_in_scratch_root(file("scratch"), path);
+        ASSERT_TRUE(report.ran);
+        if (report.result == scratch_unavailable)
+            GTEST_SKIP() << "the test cannot confine itself to a scratch tmpfs "
+                            "(unshare or mount refused)";
+        EXPECT_EQ(report.result, -1);
+        EXPECT_EQ(report.extra, scratch_all);
+    }
+    // Nothing was ever mounted or written here, outside the children.
+    EXPECT_EQ(entries_of(file("scratch")), strings{});
+}
+
+TEST_F(QxRrmdir, OfALinkToTheRootRemovesOnlyTheLink) {
+    make_directory(file("scratch"));
+    const child_report report = rrmdir_in_scratch_root(file("scratch"), "/root-link");
+    ASSERT_TRUE(report.ran);
+    if (report.result == scratch_unavailable)
+        GTEST_SKIP() << "the test cannot confine itself to a scratch tmpfs "
+                        "(unshare or mount refused)";
+    EXPECT_EQ(report.result, 0);
+    EXPECT_EQ(report.extra, scratch_all & ~scratch_link);
 }
 
 TEST_F(QxRrmdir, StopsWithTheResultOfAFailingRemoval) {

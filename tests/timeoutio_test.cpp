@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -249,14 +252,6 @@ TEST_F(TimedIo, TimeoutioLeavesErrnoAloneWhenPollReportsOnlyAnErrorCondition) {
     close(other[0]);
 }
 
-TEST_F(TimedIo, TimeoutioCountsAnInterruptedWaitAsATimeout) {
-    char buf[4];
-    one_interruption interrupt;
-    errno = 0;
-    EXPECT_EQ(timeoutio(ours_, buf, sizeof buf, 10000, POLLIN, 0), -1);
-    EXPECT_EQ(errno, ETIMEDOUT);
-}
-
 // ---- timeoutio_sb ----------------------------------------------------------
 
 TEST_F(TimedIo, TimeoutioSbRefusesBadEventsWithEinval) {
@@ -336,13 +331,6 @@ TEST_F(TimedIo, TimeoutioSbTimeoutLeavesErrnoAndTheBufferAsTheyWere) {
     EXPECT_EQ(text_of(sb_), "kept");
 }
 
-TEST_F(TimedIo, TimeoutioSbInterruptedWaitKeepsPollsEintr) {
-    one_interruption interrupt;
-    errno = 0;
-    EXPECT_EQ(timeoutio_sb(ours_, &sb_, 10000, POLLIN, 0), -1);
-    EXPECT_EQ(errno, EINTR);
-}
-
 TEST_F(TimedIo, TimeoutioSbOnAClosedDescriptorGivesMinusOne) {
     errno = untouched_errno;
     EXPECT_EQ(timeoutio_sb(closed_descriptor(), &sb_, 1000, POLLIN, 0), -1);
@@ -380,6 +368,228 @@ TEST_F(TimedIo, TimeoutioSbKeepsWhatWasAppendedWhenAnAppendCannotGrow) {
     EXPECT_EQ(got, -1);
     EXPECT_EQ(sb_.length, 8000U);
     EXPECT_TRUE(text_of(sb_) == sent.substr(0, 8000));
+}
+
+// ---- timeoutio and timeoutio_sb under a stream of signals ------------------
+
+// Ticks of the alarm below; after this many it stops by itself, so that a
+// wait that never ends under signals still ends the test.
+std::atomic<long> alarm_ticks{0};
+static_assert(std::atomic<long>::is_always_lock_free, "counted inside a signal handler");
+constexpr long alarm_tick_cap = 15000;
+
+// SIGALRM every millisecond for as long as it lives, with a handler that is
+// installed without SA_RESTART, so that every blocking call it lands in
+// fails with EINTR. Threads the test starts have SIGALRM blocked (see
+// thread_without_alarms), so the signals land on the thread making the call.
+class alarm_every_millisecond {
+  public:
+    alarm_every_millisecond() {
+        alarm_ticks = 0;
+        struct sigaction counting {};
+        counting.sa_handler = [](int) {
+            if (++alarm_ticks == alarm_tick_cap) {
+                itimerval off{};
+                setitimer(ITIMER_REAL, &off, nullptr);
+            }
+        };
+        sigemptyset(&counting.sa_mask);
+        counting.sa_flags = 0;
+        sigaction(SIGALRM, &counting, &saved_);
+        itimerval every{};
+        every.it_value.tv_usec = 1000;
+        every.it_interval.tv_usec = 1000;
+        setitimer(ITIMER_REAL, &every, nullptr);
+    }
+    ~alarm_every_millisecond() {
+        itimerval off{};
+        setitimer(ITIMER_REAL, &off, nullptr);
+        // A signal still pending from the last tick is taken here, so that
+        // it cannot meet the restored default action (which ends the
+        // program).
+        sigset_t alarm, old;
+        sigemptyset(&alarm);
+        sigaddset(&alarm, SIGALRM);
+        pthread_sigmask(SIG_BLOCK, &alarm, &old);
+        const timespec no_wait{};
+        while (sigtimedwait(&alarm, nullptr, &no_wait) == SIGALRM) {
+        }
+        sigaction(SIGALRM, &saved_, nullptr);
+        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    }
+    alarm_every_millisecond(const alarm_every_millisecond &) = delete;
+    alarm_every_millisecond &operator=(const alarm_every_millisecond &) = delete;
+
+    long ticks() const { return alarm_ticks; }
+
+  private:
+    struct sigaction saved_ {};
+};
+
+template <typename F> std::thread thread_without_alarms(F body) {
+    sigset_t alarm, old;
+    sigemptyset(&alarm);
+    sigaddset(&alarm, SIGALRM);
+    pthread_sigmask(SIG_BLOCK, &alarm, &old);
+    std::thread started(std::move(body));
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return started;
+}
+
+// Enough signals that nearly every wait of the call was interrupted.
+constexpr long many_signals = 100;
+
+TEST_F(TimedIo, TimeoutioUnderSignalsGetsAnAnswerThatComesAfterASecond) {
+    std::thread peer = thread_without_alarms([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        peer_sends("answer");
+    });
+    char buf[16];
+    ssize_t got;
+    double waited;
+    long signals;
+    {
+        alarm_every_millisecond alarms;
+        const timespec start = now();
+        got = timeoutio(ours_, buf, sizeof buf, 3000, POLLIN, 0);
+        waited = seconds_since(start);
+        signals = alarms.ticks();
+    }
+    peer.join();
+    EXPECT_EQ(got, 6);
+    EXPECT_EQ(std::string(buf, 6), "answer");
+    EXPECT_GE(waited, 0.5); // the peer's second began a moment earlier
+    EXPECT_LT(waited, 3.0);
+    EXPECT_GT(signals, many_signals);
+}
+
+TEST_F(TimedIo, TimeoutioUnderSignalsTimesOutAfterTheWholeLimit) {
+    char buf[16];
+    ssize_t got;
+    int error;
+    double waited;
+    long signals;
+    {
+        alarm_every_millisecond alarms;
+        const timespec start = now();
+        errno = 0;
+        got = timeoutio(ours_, buf, sizeof buf, 1000, POLLIN, 0);
+        error = errno;
+        waited = seconds_since(start);
+        signals = alarms.ticks();
+    }
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(error, ETIMEDOUT);
+    EXPECT_GE(waited, 1.0); // not cut short
+    EXPECT_LT(waited, 3.0); // nor stretched by the interruptions
+    EXPECT_GT(signals, many_signals);
+}
+
+TEST_F(TimedIo, TimeoutioUnderSignalsSendsOnceTheFullSocketIsDrainedAfterASecond) {
+    // Fill our side until the socket takes nothing more.
+    const std::string block(4096, 'f');
+    std::size_t queued = 0;
+    for (;;) {
+        const ssize_t n = send(ours_, block.data(), block.size(), MSG_DONTWAIT);
+        if (n <= 0)
+            break;
+        queued += static_cast<std::size_t>(n);
+    }
+    ASSERT_GT(queued, 0U);
+    std::size_t drained = 0;
+    std::thread peer = thread_without_alarms([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        drained = peer_receives(queued).size();
+    });
+    ssize_t sent;
+    double waited;
+    long signals;
+    {
+        alarm_every_millisecond alarms;
+        const timespec start = now();
+        sent = timeoutio(ours_, const_cast<char *>("more"), 4, 3000, POLLOUT, 0);
+        waited = seconds_since(start);
+        signals = alarms.ticks();
+    }
+    peer.join();
+    EXPECT_EQ(sent, 4);
+    EXPECT_EQ(drained, queued);
+    char more[8];
+    // Not waited for: nothing may have been sent.
+    EXPECT_EQ(recv(peer_, more, sizeof more, MSG_DONTWAIT), 4);
+    EXPECT_EQ(std::string(more, 4), "more");
+    EXPECT_GE(waited, 0.5); // the peer's second began a moment earlier
+    EXPECT_LT(waited, 3.0);
+    EXPECT_GT(signals, many_signals);
+}
+
+TEST_F(TimedIo, TimeoutioSbUnderSignalsReceivesEveryPieceOfALatePeerUntilItCloses) {
+    std::string all;
+    for (std::size_t i = 0; i < 5 * 8000 + 123; ++i)
+        all += static_cast<char>((i * 11 + i / 97) % 256);
+    std::thread peer = thread_without_alarms([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        for (std::size_t at = 0; at < all.size(); at += 7000) {
+            peer_sends(all.substr(at, 7000));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        close_peer();
+    });
+    int got;
+    double waited;
+    long signals;
+    {
+        alarm_every_millisecond alarms;
+        const timespec start = now();
+        got = timeoutio_sb(ours_, &sb_, 3000, POLLIN, 0);
+        waited = seconds_since(start);
+        signals = alarms.ticks();
+    }
+    peer.join();
+    EXPECT_EQ(got, static_cast<int>(all.size()));
+    EXPECT_EQ(sb_.length, all.size());
+    EXPECT_TRUE(text_of(sb_) == all);
+    EXPECT_GE(waited, 0.5); // the peer's second began a moment earlier
+    EXPECT_GT(signals, many_signals);
+}
+
+TEST_F(TimedIo, TimeoutioSbUnderSignalsTimesOutAfterTheWholeLimitLeavingErrnoAndBuffer) {
+    ASSERT_EQ(strbuf_append(&sb_, "kept"), 0);
+    int got;
+    int error;
+    double waited;
+    long signals;
+    {
+        alarm_every_millisecond alarms;
+        const timespec start = now();
+        errno = untouched_errno;
+        got = timeoutio_sb(ours_, &sb_, 1000, POLLIN, 0);
+        error = errno;
+        waited = seconds_since(start);
+        signals = alarms.ticks();
+    }
+    EXPECT_EQ(got, -1);
+    EXPECT_EQ(error, untouched_errno);
+    EXPECT_EQ(text_of(sb_), "kept");
+    EXPECT_GE(waited, 1.0);
+    EXPECT_LT(waited, 3.0);
+    EXPECT_GT(signals, many_signals);
+}
+
+TEST_F(TimedIo, TimeoutioWaitsOnAfterOneInterruptionWithoutALimit) {
+    std::thread peer = thread_without_alarms([&] {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        peer_sends("late");
+    });
+    char buf[8];
+    ssize_t got;
+    {
+        one_interruption interrupt; // at 200 ms, long before the answer
+        got = timeoutio(ours_, buf, sizeof buf, -1, POLLIN, 0);
+    }
+    peer.join();
+    EXPECT_EQ(got, 4);
+    EXPECT_EQ(std::string(buf, 4), "late");
 }
 
 // ---- iowait ----------------------------------------------------------------

@@ -21,7 +21,9 @@ extern "C" {
  * target fail the copy with EEXIST. */
 #define QX_CP_OVERWRITE 1
 /* Create the target with the source's mode, then copy mode, access and
- * modification times (whole seconds) and owner and group. */
+ * modification times (whole seconds) and owner and group, through the open
+ * target (never its path); set-user-ID and set-group-ID bits are applied
+ * again after the change of owner. */
 #define QX_CP_KEEP_ATTRIBUTES 2
 /* Write with O_SYNC and fsync the directory that holds the target. */
 #define QX_CP_DURABLE 4
@@ -39,9 +41,10 @@ QX_API int qx_cp(const char *src, const char *dst, int cpflags);
 QX_API int qx_pmkdir(const char *path, mode_t mode);
 
 /* Removes path and everything below it, contents first. Symbolic links are
- * followed: a link to a directory has the directory's contents removed and
- * then fails as a directory (ENOTDIR), which stops the walk. NULL and "/"
- * give -1 at once. Returns 0, or -1 from the walk or the failing removal. */
+ * never followed: a link in the tree (or at path itself) is removed as a
+ * link and what it points to is left alone. NULL and any path that names the
+ * root directory ("/", "//", "/.", "/../", ...) give -1 and remove nothing.
+ * Returns 0, or -1 from the walk or the failing removal. */
 QX_API int qx_rrmdir(const char *path);
 
 /* Creates and opens a new file named "<time>.<pid>.<attempt>" in dir (or

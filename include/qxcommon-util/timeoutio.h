@@ -5,8 +5,11 @@
  * value waits without limit, 0 only tests. events is POLLIN to receive or
  * POLLOUT to send; anything else (a combination of both included) fails
  * with EINVAL. The transfer uses recv(2) or send(2) with the caller's
- * flags, so the descriptor must be a socket; EINTR is retried there but not
- * in the wait. Nothing is logged. */
+ * flags, so the descriptor must be a socket. A signal the caller handles
+ * changes nothing in timeoutio and timeoutio_sb: an interrupted wait goes on
+ * with the time that remains of the limit, an interrupted transfer is made
+ * again. iowait alone reports an interrupted wait (-1 with EINTR). Nothing
+ * is logged. */
 #ifndef QXCOMMON_UTIL_TIMEOUTIO_H
 #define QXCOMMON_UTIL_TIMEOUTIO_H
 

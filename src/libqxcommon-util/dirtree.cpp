@@ -13,7 +13,6 @@
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
-#include <utime.h>
 
 #include "internal/guards.hpp"
 
@@ -69,14 +68,20 @@ int copy_contents(int from, int to) noexcept {
     }
 }
 
-// The three results are not examined: the data is there whatever they say.
-void copy_attributes(const char *dst, const struct stat &source) noexcept {
-    ::chmod(dst, source.st_mode);
-    struct utimbuf times {};
-    times.actime = source.st_atime;
-    times.modtime = source.st_mtime;
-    ::utime(dst, &times);
-    ::chown(dst, source.st_uid, source.st_gid);
+// Applied through the open target, so that an entry swapped in at its path
+// meanwhile cannot redirect them. Changing the owner clears the set-user-ID
+// and set-group-ID bits, so a source that has them gets its mode once more
+// afterwards. The results are not examined: the data is there whatever they
+// say.
+void copy_attributes(int target, const struct stat &source) noexcept {
+    ::fchmod(target, source.st_mode);
+    struct timespec times[2]{};
+    times[0].tv_sec = source.st_atime;
+    times[1].tv_sec = source.st_mtime;
+    ::futimens(target, times);
+    ::fchown(target, source.st_uid, source.st_gid);
+    if ((source.st_mode & (S_ISUID | S_ISGID)) != 0)
+        ::fchmod(target, source.st_mode);
 }
 
 // Opens and syncs the directory that holds dst. -1 only when it cannot be
@@ -106,6 +111,18 @@ int remove_entry(const char *path, const struct stat *st, int type, struct FTW *
     if (type != FTW_NS && S_ISDIR(st->st_mode))
         return ::rmdir(path);
     return ::unlink(path);
+}
+
+// True when path, as the walk would take it, is the root directory: "//",
+// "/.", "/../", "dir/.." from the root and the like. The entry itself is
+// looked at, not what a link there points to, since the walk removes a link
+// as a link; a trailing slash makes the system follow it, and then it counts.
+bool names_the_root(const char *path) noexcept {
+    struct stat entry {};
+    struct stat root {};
+    if (::lstat(path, &entry) != 0 || ::stat("/", &root) != 0)
+        return false;
+    return entry.st_dev == root.st_dev && entry.st_ino == root.st_ino;
 }
 
 // A new block holding the name of one attempt, or NULL when it cannot be
@@ -150,9 +167,9 @@ QX_API int qx_cp(const char *src, const char *dst, int cpflags) {
         return discard_target(target, dst);
     }
     input.reset();
-    target.reset();
     if ((cpflags & cp_keep_attributes) != 0)
-        copy_attributes(dst, source);
+        copy_attributes(target.get(), source);
+    target.reset();
     // Deliberate: a complete copy is thrown away when its directory cannot
     // be opened for the sync; callers treat such a copy as not durable.
     if ((cpflags & cp_durable) != 0 && sync_parent_directory(dst) != 0) {
@@ -190,11 +207,11 @@ QX_API int qx_pmkdir(const char *path, mode_t mode) {
 }
 
 QX_API int qx_rrmdir(const char *path) {
-    if (path == nullptr || std::strcmp(path, "/") == 0)
+    if (path == nullptr || std::strcmp(path, "/") == 0 || names_the_root(path))
         return -1;
-    // FTW_DEPTH alone: contents before their directory, and symbolic links
-    // followed.
-    return ::nftw(path, remove_entry, rrmdir_max_descriptors, FTW_DEPTH);
+    // Contents before their directory; a symbolic link is removed as a link
+    // and never walked through.
+    return ::nftw(path, remove_entry, rrmdir_max_descriptors, FTW_DEPTH | FTW_PHYS);
 }
 
 QX_API int create_tempfile(const char *dir, int flags, mode_t mode, char **name_out) {

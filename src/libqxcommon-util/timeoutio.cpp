@@ -1,8 +1,11 @@
 // One transfer on a socket after a bounded wait for it to become ready.
 #include "qxcommon-util/timeoutio.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -26,6 +29,33 @@ int wait_for(int fd, int timeout, short events, short *revents) noexcept {
     const int ready = ::poll(&one, 1, timeout);
     *revents = one.revents;
     return ready;
+}
+
+std::int64_t monotonic_ms() noexcept {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Like wait_for, but a signal the caller handles neither ends the wait nor
+// shortens it: an interrupted poll is resumed with the time that is left of
+// the limit (none left: one last look), a negative limit stays unlimited.
+int wait_through_signals(int fd, int timeout, short events, short *revents) noexcept {
+    // One millisecond more than the whole milliseconds now passed, so that
+    // the remaining time is never counted short.
+    const std::int64_t deadline = timeout > 0 ? monotonic_ms() + timeout + 1 : 0;
+    // An interruption leaves no trace in errno either: a time-out after one
+    // must read exactly as a time-out without.
+    const int caller_errno = errno;
+    int limit = timeout;
+    for (;;) {
+        const int ready = wait_for(fd, limit, events, revents);
+        if (ready >= 0 || errno != EINTR)
+            return ready;
+        errno = caller_errno;
+        if (timeout > 0)
+            limit = static_cast<int>(std::max<std::int64_t>(deadline - monotonic_ms(), 0));
+    }
 }
 
 ssize_t receive_once(int fd, void *buf, size_t len, int flags) noexcept {
@@ -73,8 +103,8 @@ QX_API ssize_t timeoutio(int fd, void *buf, size_t len, int timeout, short event
         return -1;
     }
     short revents = 0;
-    if (qx::detail::wait_for(fd, timeout, events, &revents) <= 0) {
-        // A failed wait reads as a time-out too, EINTR included.
+    if (qx::detail::wait_through_signals(fd, timeout, events, &revents) <= 0) {
+        // A failed wait reads as a time-out too.
         errno = ETIMEDOUT;
         return -1;
     }
@@ -95,7 +125,7 @@ QX_API int timeoutio_sb(int fd, strbuf *sb, int timeout, short events, int flags
     short revents = 0;
     // Deliberately unlike timeoutio: a time-out leaves errno as it was and a
     // failed poll leaves its own errno; callers of this form rely on that.
-    if (qx::detail::wait_for(fd, timeout, events, &revents) <= 0)
+    if (qx::detail::wait_through_signals(fd, timeout, events, &revents) <= 0)
         return -1;
     if ((revents & POLLIN) != 0)
         return qx::detail::receive_until_closed(fd, sb, flags);
@@ -104,6 +134,8 @@ QX_API int timeoutio_sb(int fd, strbuf *sb, int timeout, short events, int flags
     return -1;
 }
 
+// Deliberately the plain poll: an interrupted wait gives -1 with EINTR, and
+// callers that wait in a loop of their own rely on seeing it.
 QX_API int iowait(int fd, int timeout, short events) {
     short revents = 0;
     return qx::detail::wait_for(fd, timeout, events, &revents);
