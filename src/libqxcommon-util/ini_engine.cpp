@@ -422,6 +422,7 @@ class rewrite {
     int line_length_ = 0;
     bool failed_ = false;
 };
+
 // Copies the source into the temporary file with the one change asked for:
 // find the section, then the key in it, then copy the rest.
 void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char *Value) noexcept {
