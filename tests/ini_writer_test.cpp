@@ -682,6 +682,18 @@ TEST_F(IniWriter, CreatingAFileAllocatesOnlyItsStreamRecord) {
     EXPECT_EQ(get("s", "k"), "v");
 }
 
+TEST_F(IniWriter, WithoutMemoryForTheTemporaryStreamNoTemporaryFileIsLeft) {
+    // The second allocation of a rewrite is the temporary file's stream: the
+    // file already created for it is removed again.
+    write("[s]\nk=1\n");
+    const int result = qx_test::call_with_failing_allocation(
+        1, [this] { return ini_puts("s", "k", "2", path.c_str()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(content(), "[s]\nk=1\n");
+    EXPECT_FALSE(file_exists(temp_path));
+}
+
 TEST_F(IniWriter, WithEveryAllocationFailingTheFileIsLeftUntouched) {
     const std::string before = "[s]\nk=1\n";
     write(before);
