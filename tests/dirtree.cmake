@@ -1,3 +1,3 @@
-# The dirtree suite watches the library's open, mkdir and fsync calls
-# through its own definitions of them.
-target_sources(dirtree_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/fs_calls.cpp)
+# The dirtree suite watches the library's open, mkdir and fsync calls, and
+# makes its reads and writes fail, through the I/O interposer.
+target_sources(dirtree_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/io_faults.cpp)

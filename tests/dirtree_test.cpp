@@ -1661,3 +1661,108 @@ TEST_F(CreateTempfile, AllocatesTheNameWithRoomForTheLongestNumbers) {
 }
 
 } // namespace
+
+// ---- qx_cp with failing and short writes ------------------------------------
+// Kept in a block of its own: the I/O fault injector and the scratch file
+// system are used only here.
+
+#include "support/io_faults.hpp"
+#include "support/scratch_fs.hpp"
+
+namespace {
+
+using qx_test::io_fn;
+
+class QxCpFaults : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        qx_test::stop_failing_io();
+        qx_test::restrict_io_faults_to("");
+        EXPECT_TRUE(snap_.unchanged());
+    }
+
+    qx_test::temp_dir dir_;
+    qx_test::fd_snapshot snap_;
+    std::string src_ = dir_.file("source");
+    std::string dst_ = dir_.file("copy");
+    // Three chunks of the copy, the last one short.
+    std::string content_ = std::string(20000, 'c');
+};
+
+TEST_F(QxCpFaults, AShortWriteFailsWithEnospcAndRemovesTheTarget) {
+    qx_test::write_file(src_, content_);
+    qx_test::restrict_io_faults_to(dst_);
+    qx_test::shorten_write(io_fn::write, 1);
+    errno = 0;
+    const int result = qx_cp(src_.c_str(), dst_.c_str(), 0);
+    const int error = errno;
+    qx_test::stop_failing_io();
+    EXPECT_TRUE(qx_test::io_call_was_failed());
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, ENOSPC);
+    EXPECT_FALSE(qx_test::file_exists(dst_));
+    EXPECT_EQ(qx_test::read_file(src_), content_);
+}
+
+TEST_F(QxCpFaults, EveryFailedReadOrWriteGivesMinusOneWithItsErrnoAndNoTarget) {
+    qx_test::write_file(src_, content_);
+    for (const int flags : {0, QX_CP_OVERWRITE | QX_CP_KEEP_ATTRIBUTES | QX_CP_DURABLE}) {
+        for (const io_fn function : {io_fn::read, io_fn::write}) {
+            for (const int error : {ENOSPC, EIO}) {
+                const long calls = qx_test::sweep_io_failures([&](long n) {
+                    SCOPED_TRACE(std::string(qx_test::io_fn_name(function)) + " #" +
+                                 std::to_string(n) + " fails with " + std::to_string(error) +
+                                 ", flags " + std::to_string(flags));
+                    std::remove(dst_.c_str());
+                    qx_test::restrict_io_faults_to(dir_.path() + "/");
+                    int result = 0, errno_after = 0;
+                    {
+                        qx_test::failing_io arm(function, n, error);
+                        errno = 0;
+                        result = qx_cp(src_.c_str(), dst_.c_str(), flags);
+                        errno_after = errno;
+                    }
+                    qx_test::restrict_io_faults_to("");
+                    EXPECT_EQ(qx_test::read_file(src_), content_);
+                    if (!qx_test::io_call_was_failed()) {
+                        EXPECT_EQ(result, 0);
+                        EXPECT_EQ(qx_test::read_file(dst_), content_);
+                        return;
+                    }
+                    EXPECT_EQ(result, -1);
+                    EXPECT_EQ(errno_after, error);
+                    EXPECT_FALSE(qx_test::file_exists(dst_));
+                });
+                // Three chunks, and the read that finds the end.
+                EXPECT_EQ(calls, function == io_fn::read ? 4 : 3);
+            }
+        }
+    }
+}
+
+TEST_F(QxCpFaults, OnAFullDiskTheCopyFailsWithEnospcAndIsRemoved) {
+    qx_test::write_file(src_, std::string(64 * 1024, 's'));
+    const std::string source = src_;
+    const qx_test::scratch_outcome outcome = qx_test::run_on_scratch_fs(
+        64 * 1024, [&source](const std::string &mount, std::string &report) {
+            // Two pages left: the copy's first chunk fits, the second is cut.
+            const std::size_t filled = qx_test::fill_file_system(mount);
+            if (truncate((mount + "/filler").c_str(),
+                         static_cast<off_t>(filled / 4096 * 4096 - 12288)) != 0)
+                return 1;
+            const std::string target = mount + "/copy";
+            errno = 0;
+            const int result = qx_cp(source.c_str(), target.c_str(), 0);
+            const int error = errno;
+            if (result != -1 || error != ENOSPC || qx_test::file_exists(target)) {
+                report = "result " + std::to_string(result) + ", errno " + std::to_string(error);
+                return 2;
+            }
+            return 0;
+        });
+    if (!outcome.ran)
+        GTEST_SKIP() << "cannot mount a scratch file system here";
+    EXPECT_EQ(outcome.result, 0) << outcome.details;
+}
+
+} // namespace

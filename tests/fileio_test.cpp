@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,6 +14,8 @@
 #include "qxcommon-util/fileio.h"
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
+#include "support/io_faults.hpp"
+#include "support/scratch_fs.hpp"
 #include "support/temp_dir.hpp"
 
 namespace {
@@ -721,6 +724,144 @@ TEST_F(FileIo, FilesizeGetGivesTheSizeAndClosesTheFile) {
     EXPECT_EQ(qx_filesize_get(dir_.file("f").c_str()), 12345);
     EXPECT_EQ(qx_filesize_get(dir_.file("empty").c_str()), 0);
     EXPECT_TRUE(snap_.unchanged());
+}
+
+// ---- short and failed writes ------------------------------------------------
+
+using qx_test::io_fn;
+
+// Every writer of the family, writing `text` to `path` (created, truncated).
+struct named_writer {
+    const char *name;
+    std::function<int(const std::string &path, const std::string &text)> write;
+};
+
+std::vector<named_writer> whole_file_writers() {
+    return {
+        {"creatwriteclose",
+         [](const std::string &path, const std::string &text) {
+             return creatwriteclose(path.c_str(), text.c_str(), 0644);
+         }},
+        {"creatwritecloseat",
+         [](const std::string &path, const std::string &text) {
+             return creatwritecloseat(AT_FDCWD, path.c_str(), text.c_str(), 0644);
+         }},
+        {"openwriteclose",
+         [](const std::string &path, const std::string &text) {
+             return openwriteclose(path.c_str(), text.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+         }},
+        {"openwritecloseat",
+         [](const std::string &path, const std::string &text) {
+             return openwritecloseat(AT_FDCWD, path.c_str(), text.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+         }},
+        {"openwritenclose",
+         [](const std::string &path, const std::string &text) {
+             return openwritenclose(path.c_str(), text.data(), static_cast<ssize_t>(text.size()),
+                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
+         }},
+        {"strbuf_writefile",
+         [](const std::string &path, const std::string &text) {
+             strbuf sb{};
+             if (strbuf_append(&sb, text.c_str()) != 0)
+                 return -2;
+             const int result = strbuf_writefile(&sb, path.c_str());
+             strbuf_free(&sb);
+             return result;
+         }},
+    };
+}
+
+class FileIoFaults : public FileIo {
+  protected:
+    void TearDown() override {
+        qx_test::stop_failing_io();
+        qx_test::restrict_io_faults_to("");
+        FileIo::TearDown();
+    }
+};
+
+TEST_F(FileIoFaults, AShortWriteFailsWithEnospcInsteadOfLeavingErrnoAlone) {
+    const std::string path = dir_.file("f");
+    for (const named_writer &writer : whole_file_writers()) {
+        SCOPED_TRACE(writer.name);
+        qx_test::restrict_io_faults_to(path);
+        qx_test::shorten_write(io_fn::write, 0);
+        errno = 0;
+        const int result = writer.write(path, "0123456789");
+        const int error = errno;
+        qx_test::stop_failing_io();
+        EXPECT_TRUE(qx_test::io_call_was_failed());
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(error, ENOSPC);
+        // In place, as the family writes: the file keeps what was written.
+        EXPECT_EQ(read_file(path), "01234");
+        EXPECT_TRUE(snap_.unchanged());
+    }
+}
+
+TEST_F(FileIoFaults, EveryFailedWriteOrCloseGivesMinusOneWithItsErrno) {
+    const std::string path = dir_.file("f");
+    const std::string text(3000, 't');
+    for (const named_writer &writer : whole_file_writers()) {
+        for (const io_fn function : {io_fn::write, io_fn::close}) {
+            for (const int error : {ENOSPC, EIO}) {
+                const long calls = qx_test::sweep_io_failures([&](long n) {
+                    SCOPED_TRACE(std::string(writer.name) + ": " + qx_test::io_fn_name(function) +
+                                 " #" + std::to_string(n) + " fails with " + std::to_string(error));
+                    write_file(path, "old content");
+                    qx_test::restrict_io_faults_to(path);
+                    int result = 0, errno_after = 0;
+                    {
+                        qx_test::failing_io arm(function, n, error);
+                        errno = 0;
+                        result = writer.write(path, text);
+                        errno_after = errno;
+                    }
+                    EXPECT_TRUE(snap_.unchanged());
+                    if (!qx_test::io_call_was_failed()) {
+                        EXPECT_EQ(result, static_cast<int>(text.size()));
+                        EXPECT_EQ(read_file(path), text);
+                        return;
+                    }
+                    EXPECT_EQ(result, -1);
+                    EXPECT_EQ(errno_after, error);
+                    // Truncated before the write, as the family always has.
+                    EXPECT_EQ(read_file(path), function == io_fn::write ? "" : text);
+                });
+                EXPECT_EQ(calls, 1) << writer.name << " " << qx_test::io_fn_name(function);
+            }
+        }
+    }
+}
+
+TEST_F(FileIo, OnAFullDiskAShortWriteFailsWithEnospc) {
+    const qx_test::scratch_outcome outcome =
+        qx_test::run_on_scratch_fs(64 * 1024, [](const std::string &mount, std::string &report) {
+            // Two pages left: a write of four comes back short.
+            const std::size_t filled = qx_test::fill_file_system(mount);
+            if (truncate((mount + "/filler").c_str(),
+                         static_cast<off_t>(filled / 4096 * 4096 - 8192)) != 0)
+                return 1;
+            const std::string text(16384, 'x');
+            const std::string path = mount + "/out";
+            int step = 10;
+            for (const named_writer &writer : whole_file_writers()) {
+                ++step;
+                errno = 0;
+                const int result = writer.write(path, text);
+                const int error = errno;
+                if (result != -1 || error != ENOSPC) {
+                    report = std::string(writer.name) + ": result " + std::to_string(result) +
+                             ", errno " + std::to_string(error);
+                    return step;
+                }
+            }
+            return 0;
+        });
+    if (!outcome.ran)
+        GTEST_SKIP() << "cannot mount a scratch file system here";
+    EXPECT_EQ(outcome.result, 0) << outcome.details;
 }
 
 } // namespace

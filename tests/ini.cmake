@@ -9,7 +9,8 @@
 function(qx_add_ini_engine_contract_test target ndebug_flag prefix)
     add_executable(${target}
         ${CMAKE_CURRENT_SOURCE_DIR}/internal/ini_engine_contract_test.cpp
-        ${PROJECT_SOURCE_DIR}/src/libqxcommon-util/ini_engine.cpp)
+        ${PROJECT_SOURCE_DIR}/src/libqxcommon-util/ini_engine.cpp
+        ${PROJECT_SOURCE_DIR}/src/libqxcommon-util/internal/replacement_file.cpp)
     target_include_directories(${target} PRIVATE
         ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/src/libqxcommon-util
         ${CMAKE_CURRENT_SOURCE_DIR})
@@ -25,3 +26,15 @@ endfunction()
 
 qx_add_ini_engine_contract_test(ini_engine_contract_test -UNDEBUG "")
 qx_add_ini_engine_contract_test(ini_engine_contract_ndebug_test -DNDEBUG "NDEBUG.")
+
+# The writer's tests make its reads, seeks, writes, syncs and renames fail.
+target_sources(ini_writer_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/io_faults.cpp)
+
+# The long run of the crash test: 200 writers killed at random moments. The
+# test skips itself unless QX_SLOW_TESTS is set; it runs here on its own,
+# labelled slow, with room for the sanitizer build.
+add_test(NAME ini_writer.slow.writer_killed_200_times_leaves_old_or_new_file
+    COMMAND ini_writer_test
+        --gtest_filter=IniWriter.SlowAWriterKilled200TimesAlwaysLeavesTheOldOrTheNewFile)
+set_tests_properties(ini_writer.slow.writer_killed_200_times_leaves_old_or_new_file
+    PROPERTIES LABELS slow TIMEOUT 300 ENVIRONMENT QX_SLOW_TESTS=1)

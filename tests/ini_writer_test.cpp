@@ -3,61 +3,30 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
-#include <dlfcn.h>
+#include <cerrno>
+#include <chrono>
 #include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <map>
 #include <random>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include "qxcommon-util/ini.h"
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
+#include "support/io_faults.hpp"
+#include "support/scratch_fs.hpp"
 #include "support/temp_dir.hpp"
-
-// A file that another program rewrites while the writer works on it: when
-// set, the next fsetpos of the process (the writer seeking back to its mark)
-// first gives the file a longer first line. The writer's other tests leave it
-// unset, and then this only forwards to the C library.
-static const char *grow_before_next_seek = nullptr;
-
-extern "C" int fsetpos(FILE *stream, const fpos_t *pos) {
-    using fsetpos_function = int (*)(FILE *, const fpos_t *);
-    static const auto real_fsetpos =
-        reinterpret_cast<fsetpos_function>(dlsym(RTLD_NEXT, "fsetpos"));
-    if (grow_before_next_seek != nullptr) {
-        const std::string path = grow_before_next_seek;
-        grow_before_next_seek = nullptr;
-        qx_test::write_file(path, "[a much longer first line]\na=1\n");
-        // Forget what stdio has buffered, as it would have for a file larger
-        // than its buffer, so the seek reads the changed bytes.
-        std::fflush(stream);
-    }
-    return real_fsetpos(stream, pos);
-}
-
-// Records the fwrite calls on files while set, so that a test can see the
-// pieces in which the writer copies the kept lines; otherwise it only
-// forwards to the C library.
-static bool record_file_writes = false;
-static std::size_t largest_file_write = 0;
-static std::size_t total_file_writes = 0;
-static int file_write_count = 0;
-
-extern "C" size_t fwrite(const void *data, size_t size, size_t count, FILE *stream) {
-    using fwrite_function = size_t (*)(const void *, size_t, size_t, FILE *);
-    static const auto real_fwrite = reinterpret_cast<fwrite_function>(dlsym(RTLD_NEXT, "fwrite"));
-    if (record_file_writes && stream != stdout && stream != stderr) {
-        largest_file_write = std::max(largest_file_write, size * count);
-        total_file_writes += size * count;
-        ++file_write_count;
-    }
-    return real_fwrite(data, size, count, stream);
-}
 
 namespace {
 
@@ -523,18 +492,19 @@ TEST_F(IniWriter, CopiesKeptLinesInPiecesOfAtMost511Bytes) {
     const std::string before = "[s]\n" + numbered_lines(1, 120) + "; " + std::string(1500, 'c') +
                                "\n" + numbered_lines(121, 140);
     write(before);
-    record_file_writes = true;
-    largest_file_write = total_file_writes = 0;
-    file_write_count = 0;
+    qx_test::restrict_io_faults_to(dir.path() + "/");
+    qx_test::start_io_stats();
     const int result = put("s", "new", "v");
-    record_file_writes = false;
+    qx_test::stop_io_stats();
+    qx_test::restrict_io_faults_to("");
     EXPECT_EQ(result, 1);
     EXPECT_EQ(content(), before + "new=v\n");
     // Every kept byte is copied once, in pieces that fit the line buffer; a
     // 511-byte piece of the long line fills one piece alone.
-    EXPECT_EQ(total_file_writes, before.size());
-    EXPECT_EQ(largest_file_write, 511u);
-    EXPECT_GE(static_cast<std::size_t>(file_write_count), (before.size() + 510) / 511);
+    const qx_test::io_stats copied = qx_test::io_stats_of(qx_test::io_fn::fwrite);
+    EXPECT_EQ(copied.bytes, before.size());
+    EXPECT_EQ(copied.largest, 511u);
+    EXPECT_GE(static_cast<std::size_t>(copied.calls), (before.size() + 510) / 511);
 }
 
 TEST_F(IniWriter, NulBytesInTheFileAreCopiedUnchanged) {
@@ -583,21 +553,63 @@ TEST_F(IniWriter, TemporaryNameOfAFileNamedXIsATilde) {
 }
 
 TEST_F(IniWriter, ReportsSuccessEvenWhenRemoveAndRenameFail) {
-    // A directory that is not empty opens for reading, reads as an empty file,
-    // and can be neither removed nor replaced by the temporary file.
+    // Every rename fails: the fallback removes the file and renames again,
+    // which fails too. Neither result is examined, and the new content is
+    // kept under the temporary name rather than thrown away.
+    write("[s]\nk=1\n");
+    qx_test::restrict_io_faults_to(dir.path() + "/");
+    int result = -1;
+    {
+        qx_test::failing_io arm(qx_test::io_fn::rename, 0, EBUSY, true);
+        result = ini_puts("s", "k", "2", path.c_str());
+    }
+    qx_test::restrict_io_faults_to("");
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(qx_test::io_calls_seen(), 2);
+    EXPECT_FALSE(file_exists(path));
+    EXPECT_EQ(read_file(temp_path), "[s]\nk=2\n");
+}
+
+TEST_F(IniWriter, WhenTheRenameFailsTheFileIsRemovedAndRenamedAgain) {
+    write("[s]\nk=1\n");
+    qx_test::restrict_io_faults_to(dir.path() + "/");
+    int result = -1;
+    {
+        qx_test::failing_io arm(qx_test::io_fn::rename, 0, EBUSY);
+        result = ini_puts("s", "k", "2", path.c_str());
+    }
+    qx_test::restrict_io_faults_to("");
+    EXPECT_EQ(result, 1);
+    EXPECT_EQ(qx_test::io_calls_seen(), 2);
+    EXPECT_EQ(content(), "[s]\nk=2\n");
+    EXPECT_FALSE(file_exists(temp_path));
+}
+
+TEST_F(IniWriter, AnEmptyDirectoryAtTheNameIsReplacedThroughTheFallback) {
+    // An empty directory takes the file's place during the rewrite: rename
+    // cannot replace it, so the fallback removes it and renames again.
+    write("[s]\nk=1\n");
+    qx_test::before_next_io(qx_test::io_fn::rename, [this](FILE *) {
+        ASSERT_EQ(unlink(path.c_str()), 0);
+        ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    });
+    EXPECT_EQ(put("s", "k", "2"), 1);
+    EXPECT_EQ(content(), "[s]\nk=2\n");
+}
+
+TEST_F(IniWriter, ASourceThatCannotBeReadGivesZeroAndLeavesNoTemporaryFile) {
+    // A directory opens for reading, but reading it fails (EISDIR): nothing
+    // may be written in its place, and no temporary file is left.
     const std::string conf = dir.file("conf.d");
     const std::string temp = dir.file("conf.~");
     ASSERT_EQ(mkdir(conf.c_str(), 0700), 0);
     write_file(conf + "/keep", "x");
 
-    EXPECT_EQ(ini_puts("s", "k", "v", conf.c_str()), 1);
-    EXPECT_TRUE(file_exists(conf + "/keep"));
-    // The rewrite of an empty file, left under the temporary name.
-    EXPECT_EQ(read_file(temp), "\n[s]\nk=v\n");
-
-    EXPECT_EQ(ini_puts("s", nullptr, nullptr, conf.c_str()), 1);
-    EXPECT_EQ(read_file(temp), "");
-    EXPECT_TRUE(file_exists(conf + "/keep"));
+    EXPECT_EQ(ini_puts("s", "k", "v", conf.c_str()), 0);
+    EXPECT_EQ(ini_puts("s", nullptr, nullptr, conf.c_str()), 0);
+    EXPECT_EQ(ini_puts("s", "k", nullptr, conf.c_str()), 0);
+    EXPECT_EQ(read_file(conf + "/keep"), "x");
+    EXPECT_FALSE(file_exists(temp));
 }
 
 TEST_F(IniWriter, StaleTemporaryFileIsOverwritten) {
@@ -670,6 +682,18 @@ TEST_F(IniWriter, CreatingAFileAllocatesOnlyItsStreamRecord) {
     EXPECT_EQ(get("s", "k"), "v");
 }
 
+TEST_F(IniWriter, WithoutMemoryForTheTemporaryStreamNoTemporaryFileIsLeft) {
+    // The second allocation of a rewrite is the temporary file's stream: the
+    // file already created for it is removed again.
+    write("[s]\nk=1\n");
+    const int result = qx_test::call_with_failing_allocation(
+        1, [this] { return ini_puts("s", "k", "2", path.c_str()); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(content(), "[s]\nk=1\n");
+    EXPECT_FALSE(file_exists(temp_path));
+}
+
 TEST_F(IniWriter, WithEveryAllocationFailingTheFileIsLeftUntouched) {
     const std::string before = "[s]\nk=1\n";
     write(before);
@@ -703,7 +727,14 @@ TEST_F(IniWriter, FileChangedUnderTheWriterCanEndTheProcess) {
     write("[s]\na=1\n");
     EXPECT_DEATH(
         {
-            grow_before_next_seek = path.c_str();
+            // Another program gives the file a longer first line just before
+            // the writer seeks back to its mark. stdio is made to forget what
+            // it has buffered, as it would have for a file larger than its
+            // buffer, so the seek reads the changed bytes.
+            qx_test::before_next_io(qx_test::io_fn::fsetpos, [this](FILE *source) {
+                qx_test::write_file(path, "[a much longer first line]\na=1\n");
+                std::fflush(source);
+            });
             ini_puts("s", "b", "2", path.c_str());
         },
         "ini_engine\\.cpp:[0-9]+: cache_flush: Assertion `pos <= \\*size' failed\\.");
@@ -916,6 +947,377 @@ TEST_F(IniWriter, RandomSetsAndDeletesMatchAModelOfTheFile) {
             ASSERT_EQ(get(s, key.c_str()), expected != nullptr ? *expected : "<missing>");
         }
     }
+}
+
+// ---- failures of reads, seeks, writes, syncs and renames ----------------------
+
+using qx_test::io_fn;
+
+// One change to a file, through one of the three entry points. In `after`,
+// "@" stands for the text the entry point writes for the value.
+struct ini_change {
+    const char *name;
+    const char *section;
+    const char *key;
+    const char *value;
+    std::string before; // empty: the file does not exist
+    std::string after;
+};
+
+enum class ini_entry { puts, putl, putf };
+
+int apply(const ini_change &change, ini_entry entry, const std::string &path) {
+    switch (entry) {
+    case ini_entry::putl:
+        return ini_putl(change.section, change.key, std::strtol(change.value, nullptr, 10),
+                        path.c_str());
+    case ini_entry::putf:
+        return ini_putf(change.section, change.key, std::strtof(change.value, nullptr),
+                        path.c_str());
+    case ini_entry::puts:
+        break;
+    }
+    return ini_puts(change.section, change.key, change.value, path.c_str());
+}
+
+std::string expected_after(const ini_change &change, ini_entry entry) {
+    std::string written = change.value != nullptr ? change.value : "";
+    if (entry == ini_entry::putl)
+        written = std::to_string(std::strtol(change.value, nullptr, 10));
+    if (entry == ini_entry::putf) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%f",
+                      static_cast<double>(std::strtof(change.value, nullptr)));
+        written = text;
+    }
+    std::string after = change.after;
+    if (const std::size_t at = after.find('@'); at != std::string::npos)
+        after.replace(at, 1, written);
+    return after;
+}
+
+// A file of a little over a kilobyte, with a line longer than the line
+// buffer, so that the rewrite flushes its pending lines several times and
+// every step has more than one call.
+std::string sample_file(const std::string &value) {
+    std::string text = "; sample\n[first]\n" + numbered_lines(1, 5) + "[s]\n";
+    text += numbered_lines(6, 15, "other");
+    text += "; " + std::string(600, 'c') + "\n";
+    text += "k=" + value + "\n";
+    text += numbered_lines(16, 25, "more");
+    text += "[last]\n" + numbered_lines(26, 30);
+    return text;
+}
+
+std::string without(std::string text, const std::string &part) {
+    text.erase(text.find(part), part.size());
+    return text;
+}
+
+std::vector<ini_change> changes_to_sweep() {
+    const std::string before = sample_file("1.5");
+    const std::string section = "[s]\n" + numbered_lines(6, 15, "other") + "; " +
+                                std::string(600, 'c') + "\nk=1.5\n" +
+                                numbered_lines(16, 25, "more");
+    std::string added = before;
+    added.insert(added.find("[last]\n"), "n=@\n");
+    return {
+        {"replace", "s", "k", "2", before, sample_file("@")},
+        {"add a key", "s", "n", "7", before, added},
+        {"add a section", "new", "n", "7", before, before + "[new]\nn=@\n"},
+        {"delete a key", "s", "k", nullptr, before, without(before, "k=1.5\n")},
+        {"delete a section", "s", nullptr, nullptr, before, without(before, section)},
+        {"create the file", "s", "k", "2", "", "[s]\nk=@\n"},
+    };
+}
+
+class IniWriterFaults : public IniWriter {
+  protected:
+    void TearDown() override {
+        qx_test::stop_failing_io();
+        qx_test::restrict_io_faults_to("");
+    }
+
+    // Fails the 1st, 2nd, ... call of `function` in turn until a run hits no
+    // failure. A failed run must give 0 (`failure_gives_zero`) or 1 with the
+    // file exactly as before, or as the change makes it; the file is never
+    // missing or cut, no temporary file is left and no descriptor stays
+    // open. Returns the number of calls a clean run makes.
+    long sweep(const ini_change &change, ini_entry entry, io_fn function, int error,
+               const std::string &filter, bool failure_gives_zero) {
+        const bool creating = change.before.empty();
+        return qx_test::sweep_io_failures([&](long n) {
+            SCOPED_TRACE(std::string(change.name) + ": " + qx_test::io_fn_name(function) + " #" +
+                         std::to_string(n) + " fails with " + std::strerror(error));
+            std::remove(path.c_str());
+            if (!creating)
+                write(change.before);
+            qx_test::fd_snapshot fds;
+            qx_test::restrict_io_faults_to(filter);
+            int result = -1;
+            {
+                qx_test::failing_io arm(function, n, error);
+                result = apply(change, entry, path);
+            }
+            qx_test::restrict_io_faults_to("");
+            const bool failed = qx_test::io_call_was_failed();
+            EXPECT_TRUE(fds.unchanged());
+            EXPECT_FALSE(file_exists(temp_path));
+            if (!failed || !failure_gives_zero) {
+                EXPECT_EQ(result, 1);
+                ASSERT_TRUE(file_exists(path));
+                EXPECT_EQ(content(), expected_after(change, entry));
+            } else if (creating) {
+                EXPECT_EQ(result, 0);
+                EXPECT_FALSE(file_exists(path));
+            } else {
+                EXPECT_EQ(result, 0);
+                ASSERT_TRUE(file_exists(path));
+                EXPECT_EQ(content(), change.before);
+            }
+        });
+    }
+
+    void sweep_every_call(ini_entry entry) {
+        const std::string all = dir.path() + "/";
+        // Every read, seek and write of the rewrite is on the source or the
+        // temporary file: any failure gives 0 and leaves the file as it was.
+        const io_fn failing_gives_zero[] = {io_fn::fgets,   io_fn::fseek,  io_fn::fsetpos,
+                                            io_fn::fgetpos, io_fn::fwrite, io_fn::fputs,
+                                            io_fn::fflush,  io_fn::fsync};
+        for (const ini_change &change : changes_to_sweep()) {
+            if (entry != ini_entry::puts && change.value == nullptr)
+                continue; // ini_putl and ini_putf always set a value
+            const bool creating = change.before.empty();
+            for (const int error : {ENOSPC, EIO}) {
+                long calls = 0;
+                for (const io_fn function : failing_gives_zero)
+                    calls += sweep(change, entry, function, error, all, true);
+                // The close of the temporary (or new) file counts; that of
+                // the source, which was only read, does not.
+                calls +=
+                    sweep(change, entry, io_fn::fclose, error, creating ? path : temp_path, true);
+                if (!creating) {
+                    EXPECT_EQ(sweep(change, entry, io_fn::fclose, error, path, false), 1);
+                }
+                // A failed rename falls back to remove and rename.
+                const long renames = sweep(change, entry, io_fn::rename, error, all, false);
+                EXPECT_EQ(renames, creating ? 0 : 1) << change.name;
+                EXPECT_GE(calls, creating ? 2 : 8) << change.name;
+            }
+        }
+    }
+};
+
+TEST_F(IniWriterFaults, EveryFailedCallOfIniPutsLeavesTheFileAsItWasAndGivesZero) {
+    sweep_every_call(ini_entry::puts);
+}
+
+TEST_F(IniWriterFaults, EveryFailedCallOfIniPutlLeavesTheFileAsItWasAndGivesZero) {
+    sweep_every_call(ini_entry::putl);
+}
+
+TEST_F(IniWriterFaults, EveryFailedCallOfIniPutfLeavesTheFileAsItWasAndGivesZero) {
+    sweep_every_call(ini_entry::putf);
+}
+
+TEST_F(IniWriterFaults, ASeekThatFailsDoesNotEndTheProcess) {
+    // A rewrite that flushes at the mark seeks back: with the seek failing,
+    // the stream stands behind the bytes the writer counted, and going on
+    // would read more than the pending count.
+    const std::string before = sample_file("1");
+    write(before);
+    qx_test::restrict_io_faults_to(dir.path() + "/");
+    int result = -1;
+    {
+        qx_test::failing_io arm(io_fn::fsetpos, 0, EIO);
+        result = ini_puts("s", "k", "2", path.c_str());
+    }
+    EXPECT_TRUE(qx_test::io_call_was_failed());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(content(), before);
+    EXPECT_FALSE(file_exists(temp_path));
+}
+
+TEST_F(IniWriterFaults, TheTemporaryFileIsSyncedBeforeItIsRenamed) {
+    write("[s]\nk=1\n");
+    qx_test::restrict_io_faults_to(temp_path);
+    int result = -1;
+    {
+        qx_test::failing_io arm(io_fn::fsync, 0, EIO);
+        result = ini_puts("s", "k", "2", path.c_str());
+    }
+    EXPECT_EQ(qx_test::io_calls_seen(), 1);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(content(), "[s]\nk=1\n");
+    EXPECT_FALSE(file_exists(temp_path));
+}
+
+// ---- a full disk ----------------------------------------------------------------
+
+TEST_F(IniWriter, OnAFullDiskTheFileIsKeptAndTheResultIsZero) {
+    const qx_test::scratch_outcome outcome =
+        qx_test::run_on_scratch_fs(64 * 1024, [](const std::string &mount, std::string &report) {
+            const std::string ini = mount + "/app.ini";
+            const std::string temp = mount + "/app.in~";
+            const std::string comment = "[t]\n" + std::string(24 * 1024, ';') + "\n";
+            const std::string before = "[s]\nk=1\n" + comment;
+            write_file(ini, before);
+            qx_test::fill_file_system(mount);
+            int result = ini_puts("s", "k", "2", ini.c_str());
+            if (result != 0 || read_file(ini) != before || file_exists(temp)) {
+                report = "set: result " + std::to_string(result) + ", " +
+                         std::to_string(read_file(ini).size()) + " bytes left";
+                return 1;
+            }
+            result = ini_puts("s", nullptr, nullptr, ini.c_str());
+            if (result != 0 || read_file(ini) != before || file_exists(temp)) {
+                report = "delete: result " + std::to_string(result) + ", " +
+                         std::to_string(read_file(ini).size()) + " bytes left";
+                return 2;
+            }
+            // A new file that cannot be written is not left behind.
+            const std::string fresh = mount + "/new.ini";
+            result = ini_puts("s", "k", std::string(8192, 'v').c_str(), fresh.c_str());
+            if (result != 0 || file_exists(fresh)) {
+                report = "create: result " + std::to_string(result);
+                return 3;
+            }
+            // With room again, the same change goes through.
+            std::remove((mount + "/filler").c_str());
+            if (ini_puts("s", "k", "2", ini.c_str()) != 1 ||
+                read_file(ini) != "[s]\nk=2\n" + comment)
+                return 4;
+            return 0;
+        });
+    if (!outcome.ran)
+        GTEST_SKIP() << "cannot mount a scratch file system here";
+    EXPECT_EQ(outcome.result, 0) << outcome.details;
+}
+
+// ---- crashes and concurrent readers ----------------------------------------------
+
+// A child process that sets the key to its two values in turn, for ever.
+pid_t start_alternating_writer(const std::string &path, const std::string &value_a,
+                               const std::string &value_b, int ready_fd) {
+    const pid_t child = fork();
+    if (child == 0) {
+        bool first = true;
+        for (long i = 0;; ++i) {
+            ini_puts("s", "k", (i % 2 == 0 ? value_b : value_a).c_str(), path.c_str());
+            if (first && ready_fd >= 0) {
+                // Started: the parent may kill from now on.
+                (void)!::write(ready_fd, "r", 1);
+                first = false;
+            }
+        }
+    }
+    return child;
+}
+
+void expect_complete_old_or_new_after_kills(const std::string &path, int trials) {
+    const std::string value_a(300, 'a');
+    const std::string value_b(300, 'b');
+    const std::string content_a = sample_file(value_a);
+    const std::string content_b = sample_file(value_b);
+    qx_test::write_file(path, content_a);
+    std::mt19937 random(2026);
+    int missing = 0, cut = 0;
+    for (int trial = 0; trial < trials; ++trial) {
+        int ready[2];
+        ASSERT_EQ(pipe(ready), 0);
+        const pid_t child = start_alternating_writer(path, value_a, value_b, ready[1]);
+        ASSERT_GT(child, 0);
+        close(ready[1]);
+        char byte;
+        const ssize_t started = read(ready[0], &byte, 1);
+        close(ready[0]);
+        if (started == 1)
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+        kill(child, SIGKILL);
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_EQ(started, 1) << "the writer did not start";
+        if (!qx_test::file_exists(path)) {
+            ++missing;
+            qx_test::write_file(path, content_a);
+            continue;
+        }
+        const std::string now = qx_test::read_file(path);
+        if (now != content_a && now != content_b) {
+            ++cut;
+            qx_test::write_file(path, content_a);
+        }
+    }
+    EXPECT_EQ(missing, 0) << "of " << trials << " kills";
+    EXPECT_EQ(cut, 0) << "of " << trials << " kills";
+}
+
+TEST_F(IniWriter, AWriterKilledAtAnyMomentLeavesTheOldOrTheNewFile) {
+    expect_complete_old_or_new_after_kills(path, 20);
+}
+
+// Run by CI among the slow tests (tests/ini.cmake).
+TEST_F(IniWriter, SlowAWriterKilled200TimesAlwaysLeavesTheOldOrTheNewFile) {
+    if (std::getenv("QX_SLOW_TESTS") == nullptr)
+        GTEST_SKIP() << "slow: set QX_SLOW_TESTS=1";
+    expect_complete_old_or_new_after_kills(path, 200);
+}
+
+TEST_F(IniWriter, AConcurrentReaderAlwaysFindsTheFile) {
+    const std::string value_a(300, 'a');
+    const std::string value_b(300, 'b');
+    write(sample_file(value_a));
+    const pid_t writer = start_alternating_writer(path, value_a, value_b, -1);
+    ASSERT_GT(writer, 0);
+    int defaults = 0, others = 0, reads = 0;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(700);
+    while (std::chrono::steady_clock::now() < end) {
+        char buffer[400];
+        ini_gets("s", "k", "<default>", buffer, sizeof buffer, path.c_str());
+        ++reads;
+        const std::string value = buffer;
+        if (value == "<default>")
+            ++defaults;
+        else if (value != value_a && value != value_b)
+            ++others;
+    }
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    EXPECT_GT(reads, 10);
+    EXPECT_EQ(defaults, 0) << "of " << reads << " reads";
+    EXPECT_EQ(others, 0) << "of " << reads << " reads";
+}
+
+// ---- names planted by someone else --------------------------------------------------
+
+TEST_F(IniWriter, ALinkPlantedAtTheTemporaryNameIsNotFollowed) {
+    const std::string victim = dir.file("victim");
+    write_file(victim, "precious\n");
+    ASSERT_EQ(symlink(victim.c_str(), temp_path.c_str()), 0);
+    expect_rewrite("[s]\nk=1\n", "s", "k", "2", "[s]\nk=2\n");
+    EXPECT_EQ(read_file(victim), "precious\n");
+
+    // A dangling link creates nothing where it points.
+    const std::string nowhere = dir.file("nowhere");
+    ASSERT_EQ(symlink(nowhere.c_str(), temp_path.c_str()), 0);
+    expect_rewrite("[s]\nk=1\n", "s", "k", "3", "[s]\nk=3\n");
+    EXPECT_FALSE(file_exists(nowhere));
+}
+
+TEST_F(IniWriter, AFifoPlantedAtTheTemporaryNameDoesNotBlockTheWriter) {
+    write("[s]\nk=1\n");
+    ASSERT_EQ(mkfifo(temp_path.c_str(), 0600), 0);
+    // The write runs in a child with an alarm, so that a writer that blocks
+    // fails the test instead of hanging it.
+    EXPECT_EXIT(
+        {
+            alarm(10);
+            _exit(ini_puts("s", "k", "2", path.c_str()) == 1 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    EXPECT_EQ(content(), "[s]\nk=2\n");
+    EXPECT_FALSE(file_exists(temp_path));
 }
 
 } // namespace

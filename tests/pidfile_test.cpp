@@ -27,6 +27,8 @@
 
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
+#include "support/io_faults.hpp"
+#include "support/scratch_fs.hpp"
 #include "support/syslog_capture.hpp"
 #include "support/temp_dir.hpp"
 
@@ -947,6 +949,229 @@ TEST_F(GetProcessNameOfALongPath, APathOfExactly1024BytesIsWhole) {
     ASSERT_NE(exe, nullptr);
     EXPECT_EQ(std::string(exe), program);
     std::free(exe);
+}
+
+// ---- failed writes and hostile PID paths -----------------------------------------
+
+using qx_test::io_fn;
+
+class PidfileFaults : public CheckForInstance {
+  protected:
+    void TearDown() override {
+        qx_test::stop_failing_io();
+        qx_test::restrict_io_faults_to("");
+        CheckForInstance::TearDown();
+    }
+    std::string path_ = dir_.file("service.pid");
+};
+
+TEST_F(PidfileFaults, WritePidfileFailsOnEveryFailedWriteOrCloseAndLeavesNoPidFile) {
+    const std::string expected = own_pid() + "\n";
+    for (const io_fn function : {io_fn::read, io_fn::write, io_fn::close}) {
+        for (const int error : {ENOSPC, EIO}) {
+            const long calls = qx_test::sweep_io_failures([&](long n) {
+                SCOPED_TRACE(std::string(qx_test::io_fn_name(function)) + " #" + std::to_string(n) +
+                             " fails with " + std::to_string(error));
+                write_file(path_, "0\n"); // stale: read, removed, written anew
+                qx_test::restrict_io_faults_to(path_);
+                int result = 0, errno_after = 0;
+                {
+                    qx_test::failing_io arm(function, n, error);
+                    errno = 0;
+                    result = write_pidfile(path_.c_str());
+                    errno_after = errno;
+                }
+                qx_test::restrict_io_faults_to("");
+                EXPECT_TRUE(snap_.unchanged());
+                // A file that cannot be read is replaced as a stale one is,
+                // and the close of the file just read is of no account.
+                if (!qx_test::io_call_was_failed() || function == io_fn::read ||
+                    (function == io_fn::close && n == 0)) {
+                    EXPECT_EQ(result, static_cast<int>(expected.size()));
+                    EXPECT_EQ(read_file(path_), expected);
+                    return;
+                }
+                EXPECT_EQ(result, -1);
+                EXPECT_EQ(errno_after, error);
+                EXPECT_FALSE(file_exists(path_));
+            });
+            EXPECT_EQ(calls, function == io_fn::close ? 2 : 1) << qx_test::io_fn_name(function);
+        }
+    }
+}
+
+TEST_F(PidfileFaults, WritePidfileFailsWithEnospcOnAShortWrite) {
+    qx_test::restrict_io_faults_to(path_);
+    qx_test::shorten_write(io_fn::write, 0);
+    errno = 0;
+    const int result = write_pidfile(path_.c_str());
+    const int error = errno;
+    qx_test::stop_failing_io();
+    EXPECT_TRUE(qx_test::io_call_was_failed());
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, ENOSPC);
+    // Half a PID could name another process: nothing is left.
+    EXPECT_FALSE(file_exists(path_));
+}
+
+TEST_F(PidfileFaults, CheckForInstanceGivesMinusTwoOnEveryFailedWriteOrClose) {
+    for (const io_fn function : {io_fn::write, io_fn::close}) {
+        for (const int error : {ENOSPC, EIO}) {
+            const long calls = qx_test::sweep_io_failures([&](long n) {
+                SCOPED_TRACE(std::string(qx_test::io_fn_name(function)) + " #" + std::to_string(n) +
+                             " fails with " + std::to_string(error));
+                std::remove(pid_file().c_str());
+                qx_test::syslog_clear();
+                qx_test::restrict_io_faults_to(pid_file());
+                const char *errmsg = untouched;
+                int result = 0;
+                {
+                    qx_test::failing_io arm(function, n, error);
+                    result = check_for_instance(dir().c_str(), &errmsg);
+                }
+                qx_test::restrict_io_faults_to("");
+                EXPECT_TRUE(snap_.unchanged());
+                if (!qx_test::io_call_was_failed()) {
+                    EXPECT_EQ(result, 0);
+                    EXPECT_EQ(read_file(pid_file()), own_pid());
+                    return;
+                }
+                EXPECT_EQ(result, -2);
+                EXPECT_STREQ(errmsg, "unable to open file for pid write");
+                const auto entries = logged();
+                ASSERT_EQ(entries.size(), 1U);
+                EXPECT_EQ(entries[0].priority, LOG_ERR);
+                EXPECT_EQ(entries[0].message,
+                          "unable to open file " + pid_file() + " for pid write");
+                EXPECT_FALSE(file_exists(pid_file()));
+            });
+            EXPECT_EQ(calls, 1) << qx_test::io_fn_name(function);
+        }
+    }
+}
+
+TEST_F(PidfileFaults, CheckForInstanceGivesMinusTwoOnAShortWrite) {
+    qx_test::restrict_io_faults_to(pid_file());
+    qx_test::shorten_write(io_fn::write, 0);
+    const char *errmsg = untouched;
+    const int result = check_for_instance(dir().c_str(), &errmsg);
+    qx_test::stop_failing_io();
+    EXPECT_TRUE(qx_test::io_call_was_failed());
+    EXPECT_EQ(result, -2);
+    EXPECT_STREQ(errmsg, "unable to open file for pid write");
+    EXPECT_FALSE(file_exists(pid_file()));
+}
+
+TEST_F(PidfileFaults, OnAFullDiskNeitherFunctionReportsSuccess) {
+    const qx_test::scratch_outcome outcome =
+        qx_test::run_on_scratch_fs(32 * 1024, [](const std::string &mount, std::string &report) {
+            qx_test::fill_file_system(mount);
+            const std::string path = mount + "/service.pid";
+            errno = 0;
+            const int written = write_pidfile(path.c_str());
+            const int error = errno;
+            if (written != -1 || error != ENOSPC || file_exists(path)) {
+                report = "write_pidfile: " + std::to_string(written) + ", errno " +
+                         std::to_string(error);
+                return 1;
+            }
+            const std::string dir = mount + "/";
+            const char *errmsg = nullptr;
+            const int checked = check_for_instance(dir.c_str(), &errmsg);
+            if (checked != -2 || file_exists(dir + own_name() + ".pid")) {
+                report = "check_for_instance: " + std::to_string(checked);
+                return 2;
+            }
+            return 0;
+        });
+    if (!outcome.ran)
+        GTEST_SKIP() << "cannot mount a scratch file system here";
+    EXPECT_EQ(outcome.result, 0) << outcome.details;
+}
+
+TEST_F(PidfileFaults, WritePidfileRefusesALinkAtThePidPathWithEloop) {
+    const std::string victim = dir_.file("victim");
+    write_file(victim, "0\n");
+    ASSERT_EQ(symlink(victim.c_str(), path_.c_str()), 0);
+    errno = 0;
+    EXPECT_EQ(write_pidfile(path_.c_str()), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(read_file(victim), "0\n");
+    EXPECT_EQ(link_target(path_), victim);
+
+    // A dangling link creates nothing where it points.
+    const std::string nowhere = dir_.file("nowhere");
+    ASSERT_EQ(unlink(path_.c_str()), 0);
+    ASSERT_EQ(symlink(nowhere.c_str(), path_.c_str()), 0);
+    errno = 0;
+    EXPECT_EQ(write_pidfile(path_.c_str()), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_FALSE(file_exists(nowhere));
+    EXPECT_TRUE(snap_.unchanged());
+}
+
+TEST_F(PidfileFaults, WritePidfileRefusesADirectoryAtThePidPathWithEinval) {
+    ASSERT_EQ(mkdir(path_.c_str(), 0755), 0);
+    errno = 0;
+    EXPECT_EQ(write_pidfile(path_.c_str()), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(snap_.unchanged());
+}
+
+TEST_F(PidfileFaults, WritePidfileRefusesAFifoAtOnce) {
+    ASSERT_EQ(mkfifo(path_.c_str(), 0644), 0);
+    // In a child with an alarm, so that a call that blocks fails the test
+    // instead of hanging it.
+    EXPECT_EXIT(
+        {
+            alarm(10);
+            errno = 0;
+            const int result = write_pidfile(path_.c_str());
+            _exit(result == -1 && errno == EINVAL ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    struct stat st {};
+    ASSERT_EQ(lstat(path_.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
+}
+
+TEST_F(PidfileFaults, CheckForInstanceRefusesALinkAtThePidFile) {
+    const std::string victim = dir_.file("victim");
+    write_file(victim, "precious");
+    ASSERT_EQ(symlink(victim.c_str(), pid_file().c_str()), 0);
+    const char *errmsg = untouched;
+    EXPECT_EQ(check_for_instance(dir().c_str(), &errmsg), -2);
+    EXPECT_STREQ(errmsg, "unable to open file for pid write");
+    const auto entries = logged();
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_EQ(entries[0].message, "unable to open file " + pid_file() + " for pid write");
+    EXPECT_EQ(read_file(victim), "precious");
+    EXPECT_EQ(link_target(pid_file()), victim);
+
+    const std::string nowhere = dir_.file("nowhere");
+    ASSERT_EQ(unlink(pid_file().c_str()), 0);
+    ASSERT_EQ(symlink(nowhere.c_str(), pid_file().c_str()), 0);
+    EXPECT_EQ(check_for_instance(dir().c_str(), &errmsg), -2);
+    EXPECT_FALSE(file_exists(nowhere));
+    EXPECT_TRUE(snap_.unchanged());
+}
+
+TEST_F(PidfileFaults, CheckForInstanceRefusesAFifoAtOnce) {
+    ASSERT_EQ(mkfifo(pid_file().c_str(), 0644), 0);
+    EXPECT_EXIT(
+        {
+            alarm(10);
+            const char *errmsg = nullptr;
+            const int result = check_for_instance(dir().c_str(), &errmsg);
+            _exit(result == -2 && errmsg != nullptr &&
+                          std::strcmp(errmsg, "unable to open file for pid write") == 0
+                      ? 0
+                      : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+    struct stat st {};
+    ASSERT_EQ(lstat(pid_file().c_str(), &st), 0);
+    EXPECT_TRUE(S_ISFIFO(st.st_mode));
 }
 
 } // namespace

@@ -63,8 +63,12 @@ int copy_contents(int from, int to) noexcept {
             return -1;
         if (got == 0)
             return 0;
-        if (::write(to, chunk, static_cast<std::size_t>(got)) != got)
+        const ssize_t written = ::write(to, chunk, static_cast<std::size_t>(got));
+        if (written != got) {
+            if (written >= 0)
+                errno = ENOSPC; // a short write sets none; a full disk is the usual cause
             return -1;
+        }
     }
 }
 

@@ -73,8 +73,13 @@ int openwrite_common(int dirfd, const char *path, const void *buf, ssize_t len, 
     if (!fd)
         return -1;
     const ssize_t written = ::write(fd.get(), buf, static_cast<std::size_t>(len));
-    if (written != len)
-        return -1; // the guard closes, keeping write's errno
+    if (written != len) {
+        // A short count sets no errno of its own; the usual cause is a full
+        // disk, and a caller must never be left with a stale or zero errno.
+        if (written >= 0)
+            errno = ENOSPC;
+        return -1; // the guard closes, keeping that errno
+    }
     const int result = static_cast<int>(len);
     const int saved = errno;
     if (::close(fd.release()) != 0) {

@@ -9,6 +9,10 @@
 // keeps no lines in memory at all: it remembers where the not yet written
 // lines start in the source (the mark) and how many bytes they hold (the
 // pending count), and reads them a second time when they are written.
+//
+// A rewrite goes to a temporary file beside the INI file that replaces it in
+// one rename, and only when every read, seek and write of the rewrite worked:
+// otherwise the INI file stays exactly as it was.
 
 // The assertions are part of the engine's behaviour: keep them in every build.
 #undef NDEBUG
@@ -20,8 +24,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <strings.h>
+#include <unistd.h>
 
 #include "internal/ini_engine.hpp"
+#include "internal/replacement_file.hpp"
 
 // The engine's checks report like the C library's assert ("file:line:
 // function: Assertion `expression' failed.") and abort. They guard the
@@ -120,21 +126,33 @@ FILE *open_stream(const char *name, const char *mode, char (&buffer)[stream_buff
 }
 
 // Reads like fgets (at most size - 1 bytes, up to and including a line feed)
-// but returns the number of bytes taken, 0 at the end of the file. The writer
-// counts what it reads this way, so that a NUL byte in a line neither loses
-// the rest of the line nor upsets the accounting of pending bytes.
+// but returns the number of bytes taken, 0 at the end of the file or on a
+// read error. The writer counts what it reads this way, so that a NUL byte in
+// a line neither loses the rest of the line nor upsets the accounting of
+// pending bytes. fgets leaves the bytes behind its terminating NUL alone, so
+// with the buffer filled with non-zero bytes first, the last NUL of the
+// buffer is the terminator, whatever NUL bytes the line itself holds.
 int read_line(char *buffer, int size, FILE *fp) noexcept {
-    int count = 0;
-    while (count < size - 1) {
-        const int c = getc_unlocked(fp);
-        if (c == EOF)
-            break;
-        buffer[count++] = static_cast<char>(c);
-        if (c == '\n')
-            break;
+    std::memset(buffer, '\n', static_cast<std::size_t>(size));
+    if (std::fgets(buffer, size, fp) == nullptr) {
+        buffer[0] = '\0';
+        return 0;
     }
-    buffer[count] = '\0';
+    int count = size - 1;
+    while (buffer[count] != '\0')
+        --count;
     return count;
+}
+
+// After a read that gave nothing: whether that was an error rather than the
+// end of the file.
+bool read_failed(FILE *fp) noexcept {
+    return std::ferror(fp) != 0 || std::feof(fp) == 0;
+}
+
+// Composed lines go out with fputs; copied ones with fwrite.
+bool write_text(FILE *fp, const char *text) noexcept {
+    return std::fputs(text, fp) != EOF;
 }
 
 // A value that would not read back as written gets quotes: one holding a
@@ -266,26 +284,35 @@ bool getkeystring(FILE *fp, const char *Section, const char *Key, int idxSection
 // Seeks rfp back to *mark, reads the *size pending bytes again into buffer
 // (each read limited to the room that is left) and writes them to wfp; then
 // *mark stands behind them and nothing is pending. Reports whether the bytes
-// written end with a line feed (0 when nothing was pending).
+// written end with a line feed (0 when nothing was pending), or -1 when the
+// seek, a read or the write failed.
 int cache_flush(char *buffer, int *size, FILE *rfp, FILE *wfp, fpos_t *mark) noexcept {
     int pos = 0;
-    std::fsetpos(rfp, mark);
+    // A failed seek must not go on reading from wherever the stream stands:
+    // those would be the wrong bytes.
+    if (std::fsetpos(rfp, mark) != 0)
+        return -1;
     while (pos < *size) {
         const int count = read_line(buffer + pos, ini_buffer_size - pos, rfp);
-        if (count == 0)
+        if (count == 0) {
+            if (read_failed(rfp))
+                return -1;
             break; // the file became shorter since it was read
+        }
         pos += count;
         // More bytes than were counted: the file changed under the writer.
         INI_ASSERT(pos <= *size);
     }
-    if (pos > 0)
-        std::fwrite(buffer, 1, static_cast<std::size_t>(pos), wfp);
-    std::fgetpos(rfp, mark);
+    if (pos > 0 &&
+        std::fwrite(buffer, 1, static_cast<std::size_t>(pos), wfp) != static_cast<std::size_t>(pos))
+        return -1;
+    if (std::fgetpos(rfp, mark) != 0)
+        return -1;
     *size = 0;
     return pos > 0 && buffer[pos - 1] == '\n';
 }
 
-void write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuffer) noexcept {
+bool write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuffer) noexcept {
     INI_ASSERT(Value != NULL);
     save_strncpy(LocalBuffer, Key, ini_buffer_size - 3, quote_mode::plain);
     std::size_t length = std::strlen(LocalBuffer);
@@ -295,21 +322,21 @@ void write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuf
     length += std::strlen(LocalBuffer + length);
     LocalBuffer[length++] = '\n';
     LocalBuffer[length] = '\0';
-    std::fputs(LocalBuffer, fp);
+    return write_text(fp, LocalBuffer);
 }
 
 namespace {
 
-void write_section_line(FILE *fp, const char *Section, char *LocalBuffer) noexcept {
+bool write_section_line(FILE *fp, const char *Section, char *LocalBuffer) noexcept {
     if (Section == nullptr || *Section == '\0')
-        return;
+        return true;
     LocalBuffer[0] = '[';
     save_strncpy(LocalBuffer + 1, Section, ini_buffer_size - 4, quote_mode::plain);
     std::size_t length = std::strlen(LocalBuffer);
     LocalBuffer[length++] = ']';
     LocalBuffer[length++] = '\n';
     LocalBuffer[length] = '\0';
-    std::fputs(LocalBuffer, fp);
+    return write_text(fp, LocalBuffer);
 }
 
 // The file's name with its last byte replaced by "~": "app.ini" -> "app.in~".
@@ -322,21 +349,38 @@ void make_temp_name(char *LocalBuffer, const char *Filename) noexcept {
 
 // One rewrite of the source into the temporary file. Invariant: the bytes
 // between the mark and the start of the line just read are the pending ones.
+// The first failed read, seek or write ends the rewrite: from then on
+// nothing more is read or written, and failed() tells the caller.
 class rewrite {
   public:
     rewrite(FILE *rfp, FILE *wfp, char *buffer) noexcept : rfp_(rfp), wfp_(wfp), buffer_(buffer) {
-        std::fgetpos(rfp_, &mark_);
+        failed_ = std::fgetpos(rfp_, &mark_) != 0;
     }
 
     char *line() const noexcept { return buffer_; }
-    FILE *output() const noexcept { return wfp_; }
+    bool failed() const noexcept { return failed_; }
 
+    // False at the end of the file, and after a failure.
     bool next_line() noexcept {
+        if (failed_)
+            return false;
         line_length_ = read_line(buffer_, ini_buffer_size, rfp_);
+        if (line_length_ == 0 && read_failed(rfp_))
+            failed_ = true;
         return line_length_ > 0;
     }
 
-    int flush() noexcept { return cache_flush(buffer_, &pending_, rfp_, wfp_, &mark_); }
+    // Reports whether the bytes written ended with a line feed.
+    int flush() noexcept {
+        if (failed_)
+            return 0;
+        const int ended_with_line_feed = cache_flush(buffer_, &pending_, rfp_, wfp_, &mark_);
+        if (ended_with_line_feed < 0) {
+            failed_ = true;
+            return 0;
+        }
+        return ended_with_line_feed;
+    }
 
     // Keeps the line just read: it joins the pending bytes, which are written
     // first when they would no longer fit the line buffer.
@@ -349,12 +393,24 @@ class rewrite {
     }
 
     // Drops the line just read; nothing may be pending.
-    void drop_line() noexcept { std::fgetpos(rfp_, &mark_); }
+    void drop_line() noexcept {
+        if (!failed_ && std::fgetpos(rfp_, &mark_) != 0)
+            failed_ = true;
+    }
 
     // Drops the line that starts at the mark (after a flush).
     void drop_line_at_mark() noexcept {
         next_line();
         drop_line();
+    }
+
+    // The composed lines; nothing is written once something has failed.
+    void put_line_feed() noexcept { failed_ = failed_ || !write_text(wfp_, "\n"); }
+    void put_section_line(const char *Section) noexcept {
+        failed_ = failed_ || !write_section_line(wfp_, Section, buffer_);
+    }
+    void put_key_line(const char *Key, const char *Value) noexcept {
+        failed_ = failed_ || !write_key_line(wfp_, Key, Value, buffer_);
     }
 
   private:
@@ -364,6 +420,7 @@ class rewrite {
     fpos_t mark_{};
     int pending_ = 0;
     int line_length_ = 0;
+    bool failed_ = false;
 };
 
 // Copies the source into the temporary file with the one change asked for:
@@ -380,9 +437,9 @@ void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char 
                 const int ended_with_line_feed = rw.flush();
                 if (setting) {
                     if (!ended_with_line_feed)
-                        std::fputs("\n", rw.output());
-                    write_section_line(rw.output(), Section, rw.line());
-                    write_key_line(rw.output(), Key, Value, rw.line());
+                        rw.put_line_feed();
+                    rw.put_section_line(Section);
+                    rw.put_key_line(Key, Value);
                 }
                 return;
             }
@@ -414,8 +471,8 @@ void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char 
             const int ended_with_line_feed = rw.flush();
             if (setting) {
                 if (!ended_with_line_feed)
-                    std::fputs("\n", rw.output());
-                write_key_line(rw.output(), Key, Value, rw.line());
+                    rw.put_line_feed();
+                rw.put_key_line(Key, Value);
             }
             return;
         }
@@ -428,7 +485,7 @@ void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char 
             names_match(sp, static_cast<std::size_t>(skiptrailing(ep, sp) - sp), Key, key_length)) {
             rw.flush();
             if (setting)
-                write_key_line(rw.output(), Key, Value, rw.line());
+                rw.put_key_line(Key, Value);
             if (!starts_header)
                 rw.drop_line_at_mark();
             break; // a kept line is copied with the rest
@@ -438,7 +495,7 @@ void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char 
             // header is copied with the rest.
             rw.flush();
             if (setting)
-                write_key_line(rw.output(), Key, Value, rw.line());
+                rw.put_key_line(Key, Value);
             break;
         }
         if (Key == nullptr)
@@ -608,38 +665,50 @@ QX_API int ini_puts(const char *section, const char *key, const char *value, con
         FILE *wfp = open_stream(Filename, "w", write_buffer);
         if (wfp == nullptr)
             return 0;
-        write_section_line(wfp, section, LocalBuffer);
-        write_key_line(wfp, key, value, LocalBuffer);
-        std::fclose(wfp);
+        const bool written = write_section_line(wfp, section, LocalBuffer) &&
+                             write_key_line(wfp, key, value, LocalBuffer);
+        // A file that did not exist before is not left behind half written.
+        if (!close_written_stream(wfp) || !written) {
+            ::unlink(Filename);
+            return 0;
+        }
         return 1;
     }
 
     if (key != nullptr && value != nullptr) {
         // The same value as read back: leave the file untouched.
-        if (getkeystring(rfp, section, key, -1, -1, LocalBuffer, sizeof LocalBuffer) &&
-            std::strcmp(LocalBuffer, value) == 0) {
+        const bool found = getkeystring(rfp, section, key, -1, -1, LocalBuffer, sizeof LocalBuffer);
+        if (found && std::strcmp(LocalBuffer, value) == 0) {
             std::fclose(rfp);
             return 1;
         }
-        std::rewind(rfp);
+        if (std::ferror(rfp) != 0 || std::fseek(rfp, 0, SEEK_SET) != 0) {
+            std::fclose(rfp);
+            return 0;
+        }
     }
 
-    make_temp_name(LocalBuffer, Filename);
-    FILE *wfp = open_stream(LocalBuffer, "w", write_buffer);
+    char temp_name[ini_buffer_size];
+    make_temp_name(temp_name, Filename);
+    replacement_file temp;
+    FILE *wfp = temp.create(temp_name, write_buffer, sizeof write_buffer);
     if (wfp == nullptr) {
         std::fclose(rfp);
         return 0;
     }
     rewrite rw(rfp, wfp, LocalBuffer);
     rewrite_file(rw, section, key, value);
+    const bool copied = !rw.failed();
+    // Only a read stream: its close cannot lose anything.
     std::fclose(rfp);
-    std::fclose(wfp);
-
-    // Not examined: a failed remove or rename still reports success.
-    std::remove(Filename);
-    make_temp_name(LocalBuffer, Filename);
-    std::rename(LocalBuffer, Filename);
-    return 1;
+    if (!copied) {
+        temp.discard();
+        return 0;
+    }
+    // The temporary file is removed again when it could not be completed;
+    // otherwise it replaces the file, and whether that rename (or the
+    // fallback of remove and rename) worked is not examined.
+    return temp.commit(Filename) ? 1 : 0;
 }
 
 QX_API int ini_putl(const char *section, const char *key, long value, const char *filename) {

@@ -6,15 +6,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <signal.h>
 #include <string_view>
 #include <strings.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include "internal/basename.hpp"
 #include "internal/guards.hpp"
-#include "qxcommon-util/fileio.h"
 
 namespace qx::detail {
 
@@ -23,6 +24,8 @@ namespace {
 // write_pidfile reads at most this many bytes of a recorded PID.
 constexpr int recorded_pid_limit = 21;
 constexpr mode_t pidfile_mode = 0644;
+// What fopen's "wb" gives the single-instance PID file.
+constexpr mode_t instance_pidfile_mode = 0666;
 
 // Blocks of the single-instance check.
 constexpr std::size_t link_path_size = 256;
@@ -94,11 +97,88 @@ void compose_link_path(char *block, const char *pid_text) noexcept {
     append_bounded(block, link_path_size, used, "/exe");
 }
 
+// Opens a PID file for the given access. A PID path is only ever a regular
+// file: a symbolic link there is refused (ELOOP) rather than followed, and a
+// FIFO, device or directory is refused (EINVAL) instead of being waited on
+// or written to. O_NONBLOCK keeps the open of a FIFO from blocking; it
+// changes nothing for a regular file.
+int open_pid_file(const char *path, int flags, mode_t mode) noexcept {
+    fd_guard fd(::open(path, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, mode));
+    if (!fd)
+        return -1;
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0)
+        return -1;
+    if (!S_ISREG(st.st_mode)) {
+        errno = EINVAL;
+        return -1;
+    }
+    return fd.release();
+}
+
+bool refused_pid_path(int error) noexcept {
+    return error == ELOOP || error == EINVAL;
+}
+
+// Writes a PID text into a PID file just opened, with one write as
+// creatwriteclose makes it, and closes it. A PID that is not completely on
+// disk is no PID: on failure the file is removed again, and errno tells why
+// (ENOSPC for a short write, which sets none).
+int write_pid_text(int descriptor, const char *path, const char *text) noexcept {
+    fd_guard fd(descriptor);
+    const std::size_t length = std::strlen(text);
+    const ssize_t written = ::write(fd.get(), text, length);
+    bool complete = written == static_cast<ssize_t>(length);
+    if (!complete && written >= 0)
+        errno = ENOSPC;
+    if (complete && ::close(fd.release()) != 0)
+        complete = false;
+    if (!complete) {
+        errno_keeper keep;
+        fd.reset();
+        ::unlink(path);
+        return -1;
+    }
+    return static_cast<int>(length);
+}
+
+// Reads the recorded PID of write_pidfile: at most 21 bytes with one read.
+// -1 when the path is refused; 0 with `recorded` filled when it was read;
+// 1 when there is nothing to read (no file, or a read that failed).
+int read_recorded_pid(const char *path, char (&recorded)[recorded_pid_limit + 1]) noexcept {
+    fd_guard fd(open_pid_file(path, O_RDONLY, 0));
+    if (!fd)
+        return refused_pid_path(errno) ? -1 : 1;
+    const ssize_t count = ::read(fd.get(), recorded, recorded_pid_limit);
+    if (count < 0)
+        return 1;
+    recorded[count] = '\0';
+    return 0;
+}
+
 enum class pid_file_read { text, no_name, no_dir, not_opened, empty };
+
+// How the PID file is opened for reading: look_for_pid opens it as it always
+// has; the single-instance check refuses links and anything but a regular
+// file (the write that follows refuses them too).
+enum class pid_file_open { plain, regular_only };
+
+std::FILE *open_pid_file_for_reading(const char *path, pid_file_open how) noexcept {
+    if (how == pid_file_open::plain)
+        return std::fopen(path, "rb");
+    fd_guard fd(open_pid_file(path, O_RDONLY, 0));
+    if (!fd)
+        return nullptr;
+    std::FILE *file = ::fdopen(fd.get(), "rb");
+    if (file != nullptr)
+        fd.release();
+    return file;
+}
 
 // The body of look_for_pid without its release of the caller's variable:
 // on `empty` the new block is stored in *content and is the caller's.
-pid_file_read read_pid_file(char **content, const char *name, const char *dir) noexcept {
+pid_file_read read_pid_file(char **content, const char *name, const char *dir,
+                            pid_file_open how) noexcept {
     if (name == nullptr)
         return pid_file_read::no_name;
     if (dir == nullptr) {
@@ -117,7 +197,7 @@ pid_file_read read_pid_file(char **content, const char *name, const char *dir) n
     std::memcpy(path.get() + dir_length, name, name_length);
     std::memcpy(path.get() + dir_length + name_length, ".pid", sizeof ".pid");
 
-    std::FILE *file = std::fopen(path.get(), "rb");
+    std::FILE *file = open_pid_file_for_reading(path.get(), how);
     path.reset();
     if (file == nullptr)
         return pid_file_read::not_opened;
@@ -168,13 +248,15 @@ int write_instance_pid(const char *dir, const char *own_name, const char **errms
         return report(-2, pid_write_failed_text, errmsg);
     }
     unique_malloc<char> path(compose_instance_pid_path(dir, own_name));
-    std::FILE *file = std::fopen(path.get(), "wb");
-    if (file == nullptr) {
+    char pid[recorded_pid_limit];
+    std::snprintf(pid, sizeof pid, "%d", static_cast<int>(::getpid()));
+    // A file that cannot be opened safely and a PID that cannot be written
+    // completely are the same failure to the caller.
+    const int fd = open_pid_file(path.get(), O_WRONLY | O_CREAT | O_TRUNC, instance_pidfile_mode);
+    if (fd < 0 || write_pid_text(fd, path.get(), pid) < 0) {
         ::syslog(LOG_ERR, "unable to open file %s for pid write", path.get());
         return report(-2, pid_write_failed_text, errmsg);
     }
-    std::fprintf(file, "%d", static_cast<int>(::getpid()));
-    std::fclose(file);
     return 0;
 }
 
@@ -188,9 +270,10 @@ extern "C" {
 
 int write_pidfile(const char *path) {
     char recorded[recorded_pid_limit + 1] = {};
-    char *data = recorded;
-    int length = recorded_pid_limit;
-    if (openreadclose(path, &data, &length) == 0) {
+    const int read = read_recorded_pid(path, recorded);
+    if (read < 0)
+        return -1;
+    if (read == 0) {
         if (names_live_process(recorded)) {
             errno = EEXIST;
             return -1;
@@ -200,7 +283,11 @@ int write_pidfile(const char *path) {
     }
     char line[recorded_pid_limit];
     std::snprintf(line, sizeof line, "%d\n", static_cast<int>(::getpid()));
-    return creatwriteclose(path, line, pidfile_mode);
+    // Read-write, created, truncated: as creatwriteclose opens it.
+    const int fd = open_pid_file(path, O_RDWR | O_CREAT | O_TRUNC, pidfile_mode);
+    if (fd < 0)
+        return -1;
+    return write_pid_text(fd, path, line);
 }
 
 int get_process_name(const char *pid_text, char **exe_path) {
@@ -220,7 +307,7 @@ int get_process_name(const char *pid_text, char **exe_path) {
 }
 
 int look_for_pid(char **content, const char *name, const char *dir) {
-    const pid_file_read outcome = read_pid_file(content, name, dir);
+    const pid_file_read outcome = read_pid_file(content, name, dir, pid_file_open::plain);
     if (outcome == pid_file_read::empty) {
         // Deliberate and kept: the caller's pointer variable is released,
         // not the block it now points to. Callers that read empty files
@@ -248,7 +335,8 @@ int check_for_instance(const char *dir, const char **errmsg) {
     std::memcpy(own_name, own_base.data(), own_base.size());
 
     char *recorded = nullptr;
-    const pid_file_read outcome = read_pid_file(&recorded, own_name, dir);
+    const pid_file_read outcome =
+        read_pid_file(&recorded, own_name, dir, pid_file_open::regular_only);
     unique_malloc<char> recorded_owner(recorded);
     if (outcome == pid_file_read::text && recorded[0] != '\0' &&
         other_instance_recorded(recorded, own_base, own_pid)) {

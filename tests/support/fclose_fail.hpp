@@ -1,7 +1,7 @@
-// Makes fclose(3) report a failure. The test program defines fclose and
-// forwards it to the C library; while armed, the next call still closes the
-// stream (nothing leaks) but returns EOF with errno set to EIO, as a close
-// that fails on a network file system would.
+// Makes fclose(3) report a failure: while armed, the next call still closes
+// the stream (nothing leaks) but returns EOF with errno set to EIO, as a
+// close that fails on a network file system would. Defined with the other
+// I/O faults in support/io_faults.cpp, which the test program links.
 #pragma once
 
 namespace qx_test {

@@ -1,5 +1,5 @@
 // Records the open(2), mkdir(2) and fsync(2) calls a function makes. The
-// test program that links support/fs_calls.cpp defines these three itself
+// test program that links support/io_faults.cpp defines these three itself
 // and forwards them to the kernel; while recording is on, each call is noted
 // with its arguments and result. Nothing is allocated while recording, so
 // allocation counts stay exact.

@@ -21,10 +21,12 @@ bool getkeystring(FILE *fp, const char *Section, const char *Key, int idxSection
                   char *Buffer, int BufferSize) noexcept;
 
 // Writes the *size bytes read since *mark from rfp to wfp; see ini_engine.cpp.
+// -1 when a seek, read or write failed.
 int cache_flush(char *buffer, int *size, FILE *rfp, FILE *wfp, fpos_t *mark) noexcept;
 
-// Writes "key=value\n", composed in LocalBuffer (ini_buffer_size bytes).
-void write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuffer) noexcept;
+// Writes "key=value\n", composed in LocalBuffer (ini_buffer_size bytes);
+// false when the write failed.
+bool write_key_line(FILE *fp, const char *Key, const char *Value, char *LocalBuffer) noexcept;
 
 #ifdef QX_INI_ENGINE_TEST_SEAMS
 // Set by the white-box tests only: called with the byte an assertion is about
