@@ -491,6 +491,10 @@ group_ini() {
     expect_status 0
     expect_file "$T/secret.ini" '[db]\n'
     [ "$(stat -c %a "$T/secret.ini")" = 640 ] || fail "delete made the mode $(stat -c %a "$T/secret.ini")"
+    chmod 2755 "$T/secret.ini"
+    q ini set "$T/secret.ini" db user app
+    expect_status 0
+    [ "$(stat -c %a "$T/secret.ini")" = 2755 ] || fail "set made the mode $(stat -c %a "$T/secret.ini")"
 
     check "ini set keeps the file's owner"
     if [ "$(id -u)" = 0 ]; then
@@ -1283,6 +1287,13 @@ group_os_release() {
     expect_status 1
     expect_no_out
     expect_err "qxutil os-release: $T is a directory"
+
+    check "os-release reads standard input for --file -"
+    q_in "$DATA/os-release" os-release --file - VERSION_ID
+    expect_status 0
+    expect_no_err
+    expect_lines "3"
+    expect_no_temporary_files
 
     check "os-release of an empty file fails"
     : >"$T/empty-os"

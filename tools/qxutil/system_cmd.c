@@ -6,7 +6,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -21,7 +20,8 @@ static const char os_release_help[] =
     "\n"
     "Without KEY prints every KEY=value pair of the OS release file in file\n"
     "order; with KEY prints the value of the first pair whose key equals KEY\n"
-    "ignoring case. The file is /etc/os-release unless --file names another.\n"
+    "ignoring case. The file is /etc/os-release unless --file names another\n"
+    "(\"-\": standard input).\n"
     "Values lose enclosing double or single quotes only; lines starting with a\n"
     "space or without \"=\" are skipped.\n"
     "Status: 0 success, 1 no such key or the file cannot be read, 2 bad\n"
@@ -72,9 +72,9 @@ static int has_key(const os_info *info, const char *key) {
 int qxu_os_release(int argc, char **argv) {
     static const struct option options[] = {
         {"file", required_argument, NULL, 'f'}, QXU_COMMON_OPTIONS, {NULL, 0, NULL, 0}};
-    const char *path = NULL, *key = NULL;
+    const char *path = NULL, *key = NULL, *shown;
+    qxu_named_input input = {NULL, NULL};
     int started = 0, opt, rc;
-    struct stat st;
     os_info *info;
 
     while ((opt = qxu_getopt(argc, argv, "+:h", options, &started)) != -1) {
@@ -88,22 +88,27 @@ int qxu_os_release(int argc, char **argv) {
         return qxu_usage_error("too many arguments; usage: qxutil os-release [--file PATH] [KEY]");
     if (argc - optind == 1)
         key = argv[optind];
-    info = os_info_create(path);
-    if (info == NULL)
+    /* Standard input and pipes are copied, and a directory refused. */
+    if (path != NULL && qxu_named_input_open(&input, path) != 0)
+        return QXU_FAILED;
+    info = os_info_create(input.path);
+    if (info == NULL) {
+        qxu_named_input_close(&input);
         return qxu_fail("out of memory");
-    if (stat(info->path, &st) == 0 && S_ISDIR(st.st_mode))
-        rc = qxu_fail("%s is a directory", info->path);
-    else if (openosrelease_v2(info) != 0)
-        rc = qxu_fail("cannot read %s: %s", info->path, strerror(errno));
+    }
+    shown = path == NULL ? info->path : strcmp(path, "-") == 0 ? "standard input" : path;
+    if (openosrelease_v2(info) != 0)
+        rc = qxu_fail("cannot read %s: %s", shown, strerror(errno));
     else if (key != NULL && !has_key(info, key))
-        rc = qxu_fail("no key '%s' in %s", key, info->path);
+        rc = qxu_fail("no key '%s' in %s", key, shown);
     else if (key != NULL)
         rc = printf("%s\n", osrelease_v2(info, key)) < 0 ? QXU_FAILED : QXU_OK;
     else if (info->pairs == NULL)
-        rc = qxu_fail("no KEY=value line in %s", info->path);
+        rc = qxu_fail("no KEY=value line in %s", shown);
     else
         rc = print_pairs(info);
     os_info_delete(info);
+    qxu_named_input_close(&input);
     return rc;
 }
 
