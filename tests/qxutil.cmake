@@ -9,6 +9,14 @@ if(TARGET qxutil)
         # (and report the shell's own leaks), not the tool.
         set_tests_properties(qxutil.${group} PROPERTIES TIMEOUT 120 LABELS no-valgrind)
     endforeach()
+    # Bounded memory is checked with a limit of address space, which the
+    # sanitizers' own reservations would exceed.
+    if(NOT QX_SANITIZE)
+        add_test(NAME qxutil.codec_memory
+            COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/qxutil/run_tests.sh
+                $<TARGET_FILE:qxutil> ${PROJECT_SOURCE_DIR}/examples/data codec_memory)
+        set_tests_properties(qxutil.codec_memory PROPERTIES TIMEOUT 120 LABELS no-valgrind)
+    endif()
 endif()
 
 # The tool goes into the binary directory with the component "tools", and
@@ -22,7 +30,7 @@ if(TARGET qxutil)
             cmake --install "$1" --prefix "$prefix" --component tools >/dev/null
             cmake --install "$1" --prefix "$prefix" --component runtime >/dev/null
             test -x "$prefix/$2/qxutil"
-            LD_LIBRARY_PATH="$prefix/$3" "$prefix/$2/qxutil" encode hex qx | grep -qx 7178
+            printf qx | LD_LIBRARY_PATH="$prefix/$3" "$prefix/$2/qxutil" encode hex | grep -qx 7178
         ]=] sh ${PROJECT_BINARY_DIR} ${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_LIBDIR})
     set_tests_properties(qxutil.installs_with_the_tools_component PROPERTIES TIMEOUT 120
         LABELS no-valgrind)

@@ -123,13 +123,23 @@ expect_no_temporary_files() {
 }
 
 group_general() {
-    check "no command is a usage error"
+    check "no command prints the usage on standard error with status 2"
+    q --help
+    cp "$T/out" "$T/usage"
     q
-    expect_usage_error "qxutil: missing command (see 'qxutil --help')"
+    expect_status 2
+    expect_no_out
+    if ! cmp -s "$T/usage" "$T/err"; then
+        fail "standard error is not the usage"
+    fi
 
     check "an unknown command is a usage error naming it"
     q frobnicate
     expect_usage_error "qxutil: unknown command 'frobnicate' (see 'qxutil --help')"
+
+    check "an unknown option of the tool is a usage error naming it"
+    q --frobnicate
+    expect_usage_error "qxutil: unknown option '--frobnicate' (see 'qxutil --help')"
 
     check "--help lists the commands"
     q --help
@@ -137,17 +147,25 @@ group_general() {
     grep -q '^  run \[--timeout SECONDS\] -- PROGRAM \[ARGS...\]$' "$T/out" || fail "run is not listed"
     grep -q '124 when' "$T/out" || fail "the timeout status is not documented"
 
-    check "every command has --help"
+    check "--version names the tool and its version"
+    q --version
+    expect_status 0
+    expect_no_err
+    grep -qx 'qxutil [0-9][0-9]*\.[0-9][0-9]*\.[0-9][0-9]* (libqxcommon-util [0-9.]*)' "$T/out" ||
+        fail "'$(cat "$T/out")' is not a version line"
+    cp "$T/out" "$T/version"
+
+    check "every command has --help, -h and --version"
     for command in "ini:usage: qxutil ini get FILE SECTION KEY [DEFAULT]" \
         "conf:usage: qxutil conf get FILE NAME" \
-        "json:usage: qxutil json PATTERN FILE" \
+        "json:usage: qxutil json [-e] PATTERN [FILE]" \
         "run:usage: qxutil run [--timeout SECONDS] -- PROGRAM [ARGS...]" \
-        "encode:usage: qxutil encode base64|base32|hex|url [TEXT...]" \
-        "decode:usage: qxutil decode base64|base32|hex|url [TEXT...]" \
-        "xml-escape:usage: qxutil xml-escape [TEXT...]" \
+        "encode:usage: qxutil encode base64|base32|hex|url [FILE]" \
+        "decode:usage: qxutil decode base64|base32|hex|url [FILE]" \
+        "xml-escape:usage: qxutil xml-escape [--attr] [TEXT...]" \
         "os-release:usage: qxutil os-release [--file PATH] [KEY]" \
         "rfc3339:usage: qxutil rfc3339 [TIME]" \
-        "pidfile:usage: qxutil pidfile PATH"; do
+        "pidfile:usage: qxutil pidfile PATH -- PROGRAM [ARGS...]"; do
         name=${command%%:*}
         current="$name --help prints its usage"
         q "$name" --help
@@ -155,19 +173,55 @@ group_general() {
         current="$name -h prints its usage"
         q "$name" -h
         expect_help "${command#*:}"
+        current="$name --version prints the version"
+        q "$name" --version
+        expect_status 0
+        cmp -s "$T/version" "$T/out" || fail "'$(cat "$T/out")' is not the version line"
     done
 
-    check "help after a subcommand's arguments still wins"
-    q ini get some.ini section key --help
+    check "help after a subcommand comes before its operands"
+    q ini get --help
     expect_help "usage: qxutil ini get FILE SECTION KEY [DEFAULT]"
+
+    check "an option after the operands is an operand"
+    q ini get "$T/none.ini" section key --help
+    expect_status 0
+    expect_no_err
+    expect_lines "--help"
+
+    check "-- ends the options"
+    printf '[server]\nhost = h1\n' >"$T/dashes.ini"
+    q ini get -- "$T/dashes.ini" server host
+    expect_status 0
+    expect_no_err
+    expect_lines "h1"
+
+    check "an unknown option of a command is a usage error naming it"
+    q ini get -x "$T/dashes.ini" server host
+    expect_usage_error "qxutil ini get: unknown option '-x' (see 'qxutil ini --help')"
+    q json --bogus "?"
+    expect_usage_error "qxutil json: unknown option '--bogus' (see 'qxutil json --help')"
 
     check "a failed write to standard output is an error"
     if [ -w /dev/full ]; then
-        "$QX" encode hex foo >/dev/full 2>"$T/err"
+        printf 'foo' | "$QX" encode hex >/dev/full 2>"$T/err"
         status=$?
         expect_status 1
         expect_err "qxutil encode hex: cannot write to standard output: No space left on device"
+        head -c 300000 /dev/zero | "$QX" encode base64 >/dev/full 2>"$T/err"
+        status=$?
+        expect_status 1
+        expect_err "qxutil encode base64: cannot write to standard output: No space left on device"
     fi
+
+    check "the manual page documents every exit status and the limit of run as it is"
+    page=$DATA/../../man/qxutil.1.scd
+    for code in 0 1 2 124 125 126 127; do
+        grep -qx "\*$code\*" "$page" || fail "exit status $code is not documented"
+    done
+    grep -q 'closed its output' "$page" && fail "the page still promises a limit that starts when the output is closed"
+    grep -q 'starts once output$' "$page" || fail "the page does not say when the limit starts"
+    grep -q 'timeout\*(1)' "$page" || fail "the page does not compare run with timeout(1)"
 
     check "run documents the timeout status in its help"
     q run --help
@@ -424,6 +478,142 @@ group_ini() {
     expect_status 1
     expect_err "qxutil ini set: cannot write $T/no/dir.ini: No such file or directory"
 
+    check "ini set and delete keep the file's mode"
+    printf '[db]\npassword = old\n' >"$T/secret.ini"
+    chmod 600 "$T/secret.ini"
+    q ini set "$T/secret.ini" db password new
+    expect_status 0
+    expect_no_err
+    expect_file "$T/secret.ini" '[db]\npassword=new\n'
+    [ "$(stat -c %a "$T/secret.ini")" = 600 ] || fail "set made the mode $(stat -c %a "$T/secret.ini")"
+    chmod 640 "$T/secret.ini"
+    q ini delete "$T/secret.ini" db password
+    expect_status 0
+    expect_file "$T/secret.ini" '[db]\n'
+    [ "$(stat -c %a "$T/secret.ini")" = 640 ] || fail "delete made the mode $(stat -c %a "$T/secret.ini")"
+    chmod 2755 "$T/secret.ini"
+    q ini set "$T/secret.ini" db user app
+    expect_status 0
+    [ "$(stat -c %a "$T/secret.ini")" = 2755 ] || fail "set made the mode $(stat -c %a "$T/secret.ini")"
+
+    check "ini set keeps the file's owner"
+    if [ "$(id -u)" = 0 ]; then
+        printf '[a]\nx=1\n' >"$T/owned.ini"
+        chown 65534:65534 "$T/owned.ini"
+        q ini set "$T/owned.ini" a x 2
+        expect_status 0
+        expect_no_err
+        [ "$(stat -c %u:%g "$T/owned.ini")" = 65534:65534 ] ||
+            fail "the owner became $(stat -c %u:%g "$T/owned.ini")"
+    fi
+
+    check "ini set through a symbolic link edits the file it points to"
+    mkdir "$T/etc"
+    printf '[a]\nx=1\n' >"$T/etc/real.ini"
+    chmod 600 "$T/etc/real.ini"
+    ln -s etc/real.ini "$T/link.ini"
+    ln -s "$T/link.ini" "$T/link2.ini"
+    q ini set "$T/link2.ini" a x 2
+    expect_status 0
+    expect_no_err
+    [ -L "$T/link.ini" ] && [ -L "$T/link2.ini" ] || fail "a link was replaced"
+    expect_file "$T/etc/real.ini" '[a]\nx=2\n'
+    [ "$(stat -c %a "$T/etc/real.ini")" = 600 ] || fail "the target's mode changed"
+    [ -e "$T/etc/real.in~" ] && fail "the temporary file was left behind"
+
+    check "ini set through a dangling link creates the file it points to"
+    ln -s etc/new.ini "$T/dangling.ini"
+    q ini set "$T/dangling.ini" s k v
+    expect_status 0
+    [ -L "$T/dangling.ini" ] || fail "the link was replaced"
+    expect_file "$T/etc/new.ini" '[s]\nk=v\n'
+
+    check "ini set writes a VALUE that looks like an option"
+    printf '[a]\nx=1\n' >"$T/dash.ini"
+    q ini set "$T/dash.ini" a x -h
+    expect_status 0
+    expect_no_out
+    expect_file "$T/dash.ini" '[a]\nx=-h\n'
+
+    check "ini set refuses a line feed or carriage return and writes nothing"
+    q ini set "$T/dash.ini" a x "$(printf 'one\ntwo')"
+    expect_usage_error "qxutil ini set: VALUE holds a line feed or carriage return (see 'qxutil ini --help')"
+    q ini set "$T/dash.ini" a x "$(printf 'one\rtwo')"
+    expect_usage_error "qxutil ini set: VALUE holds a line feed or carriage return (see 'qxutil ini --help')"
+    q ini set "$T/dash.ini" a "$(printf 'k\nz')" 1
+    expect_usage_error "qxutil ini set: KEY holds a line feed or carriage return (see 'qxutil ini --help')"
+    q ini delete "$T/dash.ini" "$(printf 'a\nb')"
+    expect_usage_error "qxutil ini delete: SECTION holds a line feed or carriage return (see 'qxutil ini --help')"
+    expect_file "$T/dash.ini" '[a]\nx=-h\n'
+
+    check "ini set refuses names that would not read back"
+    q ini set "$T/dash.ini" "a]b" x 1
+    expect_usage_error "qxutil ini set: SECTION holds \"]\", which would end its header early (see 'qxutil ini --help')"
+    q ini set "$T/dash.ini" a "x=y" 1
+    expect_usage_error "qxutil ini set: KEY holds \"=\", which would end the key early (see 'qxutil ini --help')"
+    expect_file "$T/dash.ini" '[a]\nx=-h\n'
+
+    check "ini set writes a line of 510 bytes whole and refuses a longer one"
+    v507=$(printf '%507s' "" | tr ' ' v)
+    q ini set "$T/dash.ini" a k "$v507"
+    expect_status 0
+    q ini get "$T/dash.ini" a k
+    expect_lines "$v507"
+    q ini set "$T/dash.ini" a k "${v507}v"
+    expect_usage_error "qxutil ini set: KEY and VALUE make a line longer than 510 bytes (see 'qxutil ini --help')"
+    # Quoted, with the inner quote escaped: k="vvv...\"" is 510 bytes.
+    v503=$(printf '%503s' "" | tr ' ' v)
+    q ini set "$T/dash.ini" a q "${v503}\""
+    expect_status 0
+    q ini get "$T/dash.ini" a q
+    expect_lines "${v503}\""
+    q ini set "$T/dash.ini" a q "${v503}v\""
+    expect_usage_error "qxutil ini set: KEY and VALUE make a line longer than 510 bytes (see 'qxutil ini --help')"
+    q ini get "$T/dash.ini" a k
+    expect_lines "$v507"
+
+    check "ini set and delete refuse a directory"
+    mkdir "$T/dir.ini"
+    q ini set "$T/dir.ini" a b c
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil ini set: $T/dir.ini is a directory"
+    q ini delete "$T/dir.ini" a
+    expect_status 1
+    [ -d "$T/dir.ini" ] || fail "the directory is gone"
+
+    check "ini reading a directory says so"
+    q ini get "$T/dir.ini" a b
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil ini get: $T/dir.ini is a directory"
+    q ini dump "$T/dir.ini"
+    expect_status 1
+    expect_err "qxutil ini dump: $T/dir.ini is a directory"
+
+    check "ini get names a missing section"
+    q ini get "$ini" nosuch key
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil ini get: no section 'nosuch' in $ini"
+
+    check "ini keys of a missing section fails"
+    q ini keys "$ini" nosuch
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil ini keys: no section 'nosuch' in $ini"
+
+    check "ini keys reads a pipe, which the engine opens once per key"
+    mkfifo "$T/fifo.ini"
+    # Bounded, so that a reader that opens the pipe twice cannot hang here.
+    timeout 30 sh -c 'printf "[s]\na=1\nb=2\nc=3\n" >"$1"' sh "$T/fifo.ini" &
+    timeout 30 "$QX" ini keys "$T/fifo.ini" s >"$T/out" 2>"$T/err"
+    status=$?
+    wait
+    expect_status 0
+    expect_lines "a" "b" "c"
+    expect_no_temporary_files
+
     check "ini without a subcommand is a usage error"
     q ini
     expect_usage_error "qxutil ini: missing subcommand (get, set, delete, sections, keys or dump) (see 'qxutil ini --help')"
@@ -498,6 +688,12 @@ group_conf() {
     expect_no_out
     expect_err "qxutil conf get: cannot open $T/none.conf: No such file or directory"
 
+    check "conf get of a directory says so"
+    q conf get "$T" a
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil conf get: $T is a directory"
+
     check "conf without a subcommand is a usage error"
     q conf
     expect_usage_error "qxutil conf: missing subcommand (get) (see 'qxutil conf --help')"
@@ -563,27 +759,65 @@ group_json() {
     expect_status 0
     expect_fmt 'x\ny\nz\n'
 
-    check "json of a document that does not parse fails"
+    check "json of a document that does not parse fails and says why"
     printf '{"a": ' >"$T/bad.json"
     q json "?" "$T/bad.json"
     expect_status 1
     expect_no_out
-    expect_err "qxutil json: $T/bad.json is not a JSON document"
+    expect_err "qxutil json: $T/bad.json is not a JSON document: 1:0: Unexpected end of input"
+    printf '{"a" 1}' >"$T/bad2.json"
+    q json "?" "$T/bad2.json"
+    expect_status 1
+    expect_err "qxutil json: $T/bad2.json is not a JSON document: 1:0: Expected : before 1"
 
-    check "json of standard input that does not parse fails"
+    check "json of standard input that does not parse fails and says why"
     q_in "$T/bad.json" json "?" -
     expect_status 1
-    expect_err "qxutil json: standard input is not a JSON document"
+    expect_err "qxutil json: standard input is not a JSON document: 1:0: Unexpected end of input"
 
-    check "json of an empty file fails at the mapping with the library's mmap message"
+    check "json of an empty file says it is empty"
     : >"$T/empty.json"
     q json "?" "$T/empty.json"
     expect_status 1
     expect_no_out
-    head -n 1 "$T/err" | grep -q '^mmap: ' || fail "no mmap message"
-    tail -n 1 "$T/err" >"$T/last"
-    printf '%s\n' "qxutil json: $T/empty.json is not a JSON document" >"$T/want"
-    cmp -s "$T/want" "$T/last" || fail "the last message is not as expected"
+    expect_err "qxutil json: $T/empty.json is empty, not a JSON document"
+    q_in "$T/empty.json" json "?"
+    expect_status 1
+    expect_err "qxutil json: standard input is empty, not a JSON document"
+
+    check "json of a directory says so"
+    q json "?" "$T"
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil json: $T is a directory"
+
+    check "json reads standard input without FILE"
+    q_in "$T/ab.json" json "{'a': [?]}"
+    expect_status 0
+    expect_fmt '1\n2\n'
+
+    check "json reads a pipe, which the library cannot map"
+    cat "$T/ab.json" | "$QX" json "{'b': [?]}" /dev/stdin >"$T/out" 2>"$T/err"
+    status=$?
+    expect_status 0
+    expect_no_err
+    expect_fmt 'x\ny\nz\n'
+
+    check "json -e makes a missing member status 1 and names its placeholder"
+    q json -e "{'site': ?, 'nope': ?}" "$services"
+    expect_status 1
+    expect_fmt 'fra-2\t\n'
+    expect_err "qxutil json: no value for ?1 in step 1"
+    q json --exit-status "{'services': [{'name': ?, 'listen': [?]}]}" "$services"
+    expect_status 1
+    expect_err "qxutil json: no value for ?1 in step 6"
+
+    check "json -e takes null as a value and passes when every placeholder has one"
+    printf '{"a": null, "b": [1]}' >"$T/null.json"
+    q json -e "{'a': ?, 'b': [?]}" "$T/null.json"
+    expect_status 0
+    expect_no_err
+    expect_fmt 'null\t1\n'
 
     check "json of a missing file fails"
     q json "?" "$T/none.json"
@@ -598,9 +832,13 @@ group_json() {
     q json "{'a': ?3, 'b': ?1}" "$services"
     expect_usage_error "qxutil json: the pattern '{'a': ?3, 'b': ?1}' does not parse (see 'qxutil json --help')"
 
-    check "json without FILE is a usage error"
-    q json "?"
-    expect_usage_error "qxutil json: missing arguments; usage: qxutil json PATTERN FILE (see 'qxutil json --help')"
+    check "json without PATTERN is a usage error"
+    q json
+    expect_usage_error "qxutil json: missing arguments; usage: qxutil json [-e] PATTERN [FILE] (see 'qxutil json --help')"
+
+    check "json with two files is a usage error"
+    q json "?" "$services" "$services"
+    expect_usage_error "qxutil json: too many arguments; usage: qxutil json [-e] PATTERN [FILE] (see 'qxutil json --help')"
 }
 
 group_run() {
@@ -653,6 +891,21 @@ group_run() {
     expect_no_out
     expect_err "qxutil run: /bin/sh did not finish within the time limit of 1 second and was killed"
 
+    check "run writes all of standard output first, then standard error, after the end"
+    "$QX" run -- /bin/sh -c 'printf "1 err\n" >&2; printf "2 out\n"; printf "3 err\n" >&2' >"$T/out" 2>&1
+    status=$?
+    expect_status 0
+    expect_lines "2 out" "1 err" "3 err"
+
+    check "run states the library's rules beside timeout(1) in its help"
+    q run --help
+    for phrase in 'standard input from /dev/null, always' 'input is not passed on' \
+        'after it has ended, all of standard output first' \
+        'starts only once output collection has ended' 'after 30 seconds without output' \
+        'Unlike timeout(1)' 'signal gives status 0'; do
+        grep -qF "$phrase" "$T/out" || fail "the help does not say '$phrase'"
+    done
+
     check "run says why a program could not be started and exits with 125"
     # With no descriptor left for the output pipe the start fails at once;
     # descriptor 3 stays free for the loader (and the leak checker's exit).
@@ -698,104 +951,245 @@ group_run() {
     expect_lines "--help"
 }
 
+# A file of every byte value, twice over, and some more random bytes.
+make_binary() {
+    i=0
+    while [ $i -lt 256 ]; do
+        # shellcheck disable=SC2059
+        printf "\\$(printf '%03o' $i)"
+        i=$((i + 1))
+    done >"$1.part"
+    cat "$1.part" "$1.part" >"$1"
+    head -c "$2" /dev/urandom >>"$1"
+    rm -f "$1.part"
+}
+
 group_codec() {
+    printf 'foobar' >"$T/foobar"
+    printf 'fo' >"$T/fo"
+    printf 'f' >"$T/f"
+
     check "encode base64 pads with ="
-    q encode base64 foobar
+    q_in "$T/foobar" encode base64
     expect_status 0
     expect_lines "Zm9vYmFy"
     expect_no_err
-    q encode base64 fo
+    q_in "$T/fo" encode base64
     expect_lines "Zm8="
-    q encode base64 f
+    q_in "$T/f" encode base64
     expect_lines "Zg=="
 
     check "encode base32 writes no padding"
-    q encode base32 foobar
+    q_in "$T/foobar" encode base32
     expect_lines "MZXW6YTBOI"
-    q encode base32 f
+    q_in "$T/f" encode base32
     expect_lines "MY"
 
     check "encode hex writes two lower-case digits per byte"
-    q encode hex foobar
+    q_in "$T/foobar" encode hex
     expect_lines "666f6f626172"
 
     check "encode url keeps letters, digits and -._~ only"
-    q encode url "a b/c~-._Z9"
-    expect_lines "a%20b%2fc~-._Z9"
+    printf 'a b/c~-._Z9\n' >"$T/url"
+    q_in "$T/url" encode url
+    expect_lines "a%20b%2fc~-._Z9%0a"
 
-    check "encode joins its arguments with single spaces"
-    q encode base64 a b
-    expect_lines "YSBi"
+    check "encode url writes a NUL byte as %00 and goes on"
+    printf 'a\000b' >"$T/nul"
+    q_in "$T/nul" encode url
+    expect_status 0
+    expect_lines "a%00b"
 
-    check "encode reads standard input without arguments"
-    printf 'foobar' >"$T/foobar"
-    q_in "$T/foobar" encode base64
+    check "encode reads a FILE argument, and - as standard input"
+    q encode base64 "$T/foobar"
+    expect_status 0
     expect_lines "Zm9vYmFy"
+    q_in "$T/fo" encode hex -
+    expect_lines "666f"
 
-    check "encode reads standard input for -"
-    q_in "$T/foobar" encode hex -
-    expect_lines "666f6f626172"
-
-    check "encode of an empty text is an empty line"
+    check "encode of an empty input is an empty line"
     : >"$T/nothing"
     q_in "$T/nothing" encode base64
     expect_status 0
     expect_lines ""
 
-    check "encode takes every argument after -- as text"
-    q encode hex -- -h
-    expect_lines "2d68"
-
-    check "decode base64 writes exactly the bytes"
-    q decode base64 Zm9vYmFy
-    expect_status 0
-    expect_fmt 'foobar'
-    q decode base64 Zm8=
-    expect_fmt 'fo'
-
-    check "decode base64 stops at white space without error"
-    q decode base64 "Zm9v YmFy"
-    expect_status 0
-    expect_fmt 'foo'
-
-    check "decode base32 takes either case and the padding"
-    q decode base32 mzxw6ytboi
-    expect_fmt 'foobar'
-    q decode base32 "MZXW6YTBOI======"
-    expect_fmt 'foobar'
-
-    check "decode base32 fails on a character outside the alphabet"
-    q decode base32 "MZX!"
+    check "encode of a missing file fails"
+    q encode base64 "$T/none"
     expect_status 1
     expect_no_out
-    expect_err "qxutil decode base32: invalid Base32 text"
+    expect_err "qxutil encode base64: cannot open $T/none: No such file or directory"
 
-    check "decode hex stops at the first pair that is not hex"
-    q decode hex 666F6F
-    expect_fmt 'foo'
-    q decode hex 666f6g
+    check "encode of a directory fails"
+    q encode hex "$T"
+    expect_status 1
+    expect_err "qxutil encode hex: cannot read $T: Is a directory"
+
+    check "encode with two files is a usage error"
+    q encode hex "$T/f" "$T/fo"
+    expect_usage_error "qxutil encode hex: too many arguments; usage: qxutil encode hex [FILE] (see 'qxutil encode --help')"
+
+    check "encode base64 gives what base64 -w 0 gives, across chunks"
+    make_binary "$T/bin" 200000
+    q encode base64 "$T/bin"
     expect_status 0
+    base64 -w 0 "$T/bin" >"$T/want"
+    echo >>"$T/want"
+    compare out
+
+    check "every codec round-trips binary data byte for byte"
+    for codec in base64 base32 hex url; do
+        current="$codec round-trips binary data"
+        "$QX" encode $codec "$T/bin" | "$QX" decode $codec >"$T/out" 2>"$T/err"
+        status=$?
+        expect_status 0
+        expect_no_err
+        cmp -s "$T/bin" "$T/out" || fail "the bytes differ"
+        current="$codec round-trips an empty input"
+        "$QX" encode $codec "$T/nothing" | "$QX" decode $codec >"$T/out" 2>"$T/err"
+        status=$?
+        expect_status 0
+        expect_no_out
+    done
+
+    check "encode url then decode url adds no line feed"
+    printf 'a b' | "$QX" encode url | "$QX" decode url >"$T/out"
+    expect_fmt 'a b'
+
+    check "decode base64 writes exactly the bytes"
+    printf 'Zm9vYmFy' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 0
+    expect_fmt 'foobar'
+    printf 'Zm8=' >"$T/b64"
+    q decode base64 "$T/b64"
     expect_fmt 'fo'
 
-    check "decode hex ignores an odd last digit"
-    q decode hex 666
+    check "decode base64 reads base64's wrapped output whole"
+    head -c 200 "$T/bin" >"$T/bin200"
+    base64 "$T/bin200" >"$T/wrapped"
+    q decode base64 "$T/wrapped"
+    expect_status 0
+    expect_no_err
+    cmp -s "$T/bin200" "$T/out" || fail "the 200 bytes did not come back"
+
+    check "decode base64 takes padded groups one after the other"
+    printf 'YQ==YQ==\n' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 0
+    expect_fmt 'aa'
+
+    check "decode base64 refuses what is not Base64, with status 1"
+    printf 'not*valid' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil decode base64: invalid Base64 input: '*' is not part of the encoding at byte 4"
+    printf 'Zm9v YmFy' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_fmt 'foo'
+    expect_err "qxutil decode base64: invalid Base64 input: ' ' is not part of the encoding at byte 5"
+    printf 'YWJj\r\n' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_err "qxutil decode base64: invalid Base64 input: byte 0x0d is not part of the encoding at byte 5"
+
+    check "decode base64 refuses an incomplete last group"
+    printf 'abc' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil decode base64: invalid Base64 input: ends inside a group"
+    printf 'YQ=' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_err "qxutil decode base64: invalid Base64 input: ends inside a group"
+
+    check "decode base64 refuses misplaced padding"
+    printf 'Y===' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_err "qxutil decode base64: invalid Base64 input: '=' before the group has two characters at byte 2"
+    printf 'YQ=a' >"$T/b64"
+    q_in "$T/b64" decode base64
+    expect_status 1
+    expect_err "qxutil decode base64: invalid Base64 input: 'a' after the padding at byte 4"
+
+    check "decode base32 takes either case, the padding, white space and -"
+    printf 'mzxw6ytboi' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_status 0
+    expect_fmt 'foobar'
+    printf 'MZXW6YTBOI======\n' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_fmt 'foobar'
+    printf 'MZ-XW 6\n' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_fmt 'foo'
+
+    check "decode base32 refuses a character outside the alphabet"
+    printf 'MZX!' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil decode base32: invalid Base32 input: '!' is not part of the encoding at byte 4"
+
+    check "decode base32 refuses cut padding and a last group that makes no byte"
+    printf 'MY=' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_status 1
+    expect_err "qxutil decode base32: invalid Base32 input: ends inside a group"
+    printf 'MZXW6YTBO' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_status 1
+    expect_fmt 'fooba'
+    expect_err "qxutil decode base32: invalid Base32 input: ends inside a group"
+    printf 'MZX=====' >"$T/b32"
+    q_in "$T/b32" decode base32
+    expect_status 1
+    expect_err "qxutil decode base32: invalid Base32 input: '=' completes a group with the wrong padding at byte 8"
+
+    check "decode hex takes either case and refuses anything else"
+    printf '666F6f\n' >"$T/hex"
+    q_in "$T/hex" decode hex
+    expect_status 0
+    expect_fmt 'foo'
+    printf 'zz' >"$T/hex"
+    q_in "$T/hex" decode hex
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil decode hex: invalid hex input: 'z' is not part of the encoding at byte 1"
+    printf '666f6g' >"$T/hex"
+    q_in "$T/hex" decode hex
+    expect_status 1
+    expect_fmt 'fo'
+    expect_err "qxutil decode hex: invalid hex input: 'g' is not part of the encoding at byte 6"
+
+    check "decode hex refuses an odd number of digits"
+    printf '666' >"$T/hex"
+    q_in "$T/hex" decode hex
+    expect_status 1
     expect_fmt 'f'
+    expect_err "qxutil decode hex: invalid hex input: has an odd number of digits"
 
     check "decode url turns %XX and + into bytes"
-    q decode url "a%20b+c%2F"
+    printf 'a%%20b+c%%2F\n' >"$T/u"
+    q_in "$T/u" decode url
     expect_status 0
     expect_fmt 'a b c/'
 
     check "decode url fails on a % without two hex digits"
-    q decode url "a%4"
+    printf 'a%%4' >"$T/u"
+    q_in "$T/u" decode url
     expect_status 1
     expect_no_out
-    expect_err "qxutil decode url: invalid percent escape: a \"%\" needs two hex digits"
+    expect_err "qxutil decode url: invalid URL input: a \"%\" needs two hex digits"
 
-    check "decode reads standard input"
-    printf 'Zm9vYmFy\n' >"$T/b64"
-    q_in "$T/b64" decode base64
-    expect_fmt 'foobar'
+    check "decode url refuses a NUL byte"
+    printf 'a\000b' >"$T/u"
+    q_in "$T/u" decode url
+    expect_status 1
+    expect_err "qxutil decode url: invalid URL input: byte 0x00 cannot stand in URL text at byte 2"
 
     check "encode without a codec is a usage error"
     q encode
@@ -811,6 +1205,18 @@ group_codec() {
     expect_lines "a&lt;b &amp; c \"'"
     expect_no_err
 
+    check "xml-escape --attr also escapes quotes, tab and line feed"
+    q xml-escape --attr "$(printf 'say "hi"\tit'"'"'s\nok')"
+    expect_status 0
+    expect_no_err
+    expect_lines "say &quot;hi&quot;&#9;it&apos;s&#10;ok"
+
+    check "xml-escape takes text after -- as it is"
+    q xml-escape -- -
+    expect_lines "-"
+    q xml-escape -- --attr
+    expect_lines "--attr"
+
     check "xml-escape writes UTF-8 as a hex character reference"
     q xml-escape "é"
     expect_lines "&#xE9;"
@@ -824,6 +1230,27 @@ group_codec() {
     printf '\303A\251' >"$T/stray"
     q_in "$T/stray" xml-escape -
     expect_lines "&#195;&#169;"
+
+    check "xml-escape refuses a NUL byte"
+    q_in "$T/nul" xml-escape
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil xml-escape: standard input holds a NUL byte, which XML cannot carry"
+}
+
+# The codecs stream: 40 MB go through encode and decode under a limit of
+# 16 MiB of address space, which the input alone would exceed. Left out of
+# sanitizer builds, which reserve far more address space than that.
+group_codec_memory() {
+    check "encode and decode keep their memory bounded"
+    (
+        ulimit -v 16384 || exit 3
+        head -c 40000000 /dev/zero | "$QX" encode base64 | "$QX" decode base64 | wc -c
+    ) >"$T/out" 2>"$T/err"
+    status=$?
+    expect_status 0
+    expect_no_err
+    expect_lines 40000000
 }
 
 group_os_release() {
@@ -854,6 +1281,26 @@ group_os_release() {
     q os-release --file "$T/none"
     expect_status 1
     expect_err "qxutil os-release: cannot read $T/none: No such file or directory"
+
+    check "os-release of a directory says so"
+    q os-release --file "$T"
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil os-release: $T is a directory"
+
+    check "os-release reads standard input for --file -"
+    q_in "$DATA/os-release" os-release --file - VERSION_ID
+    expect_status 0
+    expect_no_err
+    expect_lines "3"
+    expect_no_temporary_files
+
+    check "os-release of an empty file fails"
+    : >"$T/empty-os"
+    q os-release --file "$T/empty-os"
+    expect_status 1
+    expect_no_out
+    expect_err "qxutil os-release: no KEY=value line in $T/empty-os"
 
     check "os-release reads /etc/os-release by default"
     if [ -r /etc/os-release ]; then
@@ -910,34 +1357,50 @@ group_rfc3339() {
     q rfc3339 12x
     expect_usage_error "qxutil rfc3339: TIME '12x' is not a number of seconds since the epoch (see 'qxutil rfc3339 --help')"
 
+    check "rfc3339 takes a negative time after -- too"
+    TZ=UTC q rfc3339 -- -1
+    expect_status 0
+    expect_lines "1969-12-31T23:59:59Z"
+
+    check "rfc3339 with an unknown option is a usage error"
+    q rfc3339 --utc
+    expect_usage_error "qxutil rfc3339: unknown option '--utc' (see 'qxutil rfc3339 --help')"
+
     check "rfc3339 with two times is a usage error"
     q rfc3339 1 2
     expect_usage_error "qxutil rfc3339: too many arguments; usage: qxutil rfc3339 [TIME] (see 'qxutil rfc3339 --help')"
 }
 
 group_pidfile() {
-    check "pidfile writes the own PID and a line feed and prints the PID"
-    q pidfile "$T/a.pid"
+    check "pidfile writes the PID of the program it then becomes"
+    q pidfile "$T/a.pid" -- /bin/sh -c 'echo $$; cat "$1"' sh "$T/a.pid"
     expect_status 0
     expect_no_err
-    pid=$(cat "$T/out")
+    pid=$(head -n 1 "$T/out")
     case $pid in
     '' | *[!0-9]*) fail "'$pid' is not a PID" ;;
     esac
+    expect_lines "$pid" "$pid"
     expect_file "$T/a.pid" "$pid\\n"
     [ "$(stat -c %a "$T/a.pid")" = 644 ] || fail "the mode is not 0644"
 
-    check "pidfile leaves a file naming a running process alone"
+    check "pidfile passes on the program's status and takes it without --"
+    q pidfile "$T/b.pid" sh -c 'exit 5'
+    expect_status 5
+    expect_no_err
+
+    check "pidfile leaves a file naming a running process alone and runs nothing"
     printf '%s\n' $$ >"$T/live.pid"
-    q pidfile "$T/live.pid"
+    q pidfile "$T/live.pid" -- touch "$T/ran"
     expect_status 1
     expect_no_out
     expect_err "qxutil pidfile: $T/live.pid names a process that is still running; left as it is"
     expect_file "$T/live.pid" "$$\\n"
+    [ -e "$T/ran" ] && fail "the program ran"
 
     check "pidfile replaces a file holding no number"
     printf 'garbage\n' >"$T/stale.pid"
-    q pidfile "$T/stale.pid"
+    q pidfile "$T/stale.pid" -- /bin/sh -c 'echo $$'
     expect_status 0
     expect_file "$T/stale.pid" "$(cat "$T/out")\\n"
 
@@ -946,26 +1409,48 @@ group_pidfile() {
     gone=$!
     wait "$gone"
     printf '%s\n' "$gone" >"$T/gone.pid"
-    q pidfile "$T/gone.pid"
+    q pidfile "$T/gone.pid" -- /bin/sh -c 'echo $$'
     expect_status 0
     expect_file "$T/gone.pid" "$(cat "$T/out")\\n"
 
     check "pidfile fails when the file cannot be written"
-    q pidfile "$T/no/dir.pid"
+    q pidfile "$T/no/dir.pid" -- true
     expect_status 1
     expect_err "qxutil pidfile: cannot write $T/no/dir.pid: No such file or directory"
 
+    check "pidfile of a program not found writes nothing and exits with 127"
+    q pidfile "$T/c.pid" -- qxutil-no-such-program
+    expect_status 127
+    expect_no_out
+    expect_err "qxutil pidfile: qxutil-no-such-program: command not found"
+    [ -e "$T/c.pid" ] && fail "the PID file was written"
+
+    check "pidfile of a program that cannot be executed writes nothing and exits with 126"
+    printf 'echo no\n' >"$T/noexec"
+    chmod 644 "$T/noexec"
+    if [ "$(id -u)" != 0 ] || [ ! -x "$T/noexec" ]; then
+        q pidfile "$T/d.pid" -- "$T/noexec"
+        expect_status 126
+        expect_err "qxutil pidfile: $T/noexec: Permission denied"
+        [ -e "$T/d.pid" ] && fail "the PID file was written"
+    fi
+
     check "pidfile refuses -"
-    q pidfile -
+    q pidfile - -- true
     expect_usage_error "qxutil pidfile: cannot write a PID file to standard output (\"-\"); name a file (see 'qxutil pidfile --help')"
 
-    check "pidfile without PATH is a usage error"
+    check "pidfile without PATH or PROGRAM is a usage error"
     q pidfile
-    expect_usage_error "qxutil pidfile: missing arguments; usage: qxutil pidfile PATH (see 'qxutil pidfile --help')"
+    expect_usage_error "qxutil pidfile: missing PATH; usage: qxutil pidfile PATH -- PROGRAM [ARGS...] (see 'qxutil pidfile --help')"
+    q pidfile "$T/e.pid"
+    expect_usage_error "qxutil pidfile: missing PROGRAM; usage: qxutil pidfile PATH -- PROGRAM [ARGS...] (see 'qxutil pidfile --help')"
+    q pidfile "$T/e.pid" --
+    expect_usage_error "qxutil pidfile: missing PROGRAM; usage: qxutil pidfile PATH -- PROGRAM [ARGS...] (see 'qxutil pidfile --help')"
+    [ -e "$T/e.pid" ] && fail "the PID file was written"
 }
 
 case $GROUP in
-general | ini | conf | json | run | codec | os_release | rfc3339 | pidfile) "group_$GROUP" ;;
+general | ini | conf | json | run | codec | codec_memory | os_release | rfc3339 | pidfile) "group_$GROUP" ;;
 *)
     echo "run_tests.sh: unknown group '$GROUP'" >&2
     exit 2

@@ -50,22 +50,30 @@ static int conf_get(const char *shown, const char *path, const char *name) {
 }
 
 int qxu_conf(int argc, char **argv) {
+    static const struct option options[] = {QXU_COMMON_OPTIONS, {NULL, 0, NULL, 0}};
     qxu_named_input input;
-    int rc;
+    int started = 0, opt, rc;
 
-    if (qxu_wants_help(argc, argv))
-        return qxu_print_help(conf_help);
+    while ((opt = qxu_getopt(argc, argv, "+:h", options, &started)) != -1)
+        return qxu_other_option(opt, argv, conf_help);
+    argc -= optind;
+    argv += optind;
     if (argc < 1)
         return qxu_usage_error("missing subcommand (get)");
     if (strcmp(argv[0], "get") != 0)
         return qxu_usage_error("unknown subcommand '%s'", argv[0]);
     qxu_set_command("conf", "get");
-    if (argc != 3)
+    started = 0;
+    while ((opt = qxu_getopt(argc, argv, "+:h", options, &started)) != -1)
+        return qxu_other_option(opt, argv, conf_help);
+    argc -= optind;
+    argv += optind;
+    if (argc != 2)
         return qxu_usage_error("%s arguments; usage: qxutil conf get FILE NAME",
-                               argc < 3 ? "missing" : "too many");
-    if (qxu_named_input_open(&input, argv[1]) != 0)
+                               argc < 2 ? "missing" : "too many");
+    if (qxu_named_input_open(&input, argv[0]) != 0)
         return QXU_FAILED;
-    rc = conf_get(argv[1], input.path, argv[2]);
+    rc = conf_get(argv[0], input.path, argv[1]);
     qxu_named_input_close(&input);
     return rc;
 }

@@ -8,6 +8,7 @@
 
 static const char overview[] =
     "usage: qxutil COMMAND [ARGUMENTS...]\n"
+    "       qxutil --help | --version\n"
     "\n"
     "Commands (each takes --help):\n"
     "  ini get FILE SECTION KEY [DEFAULT]   a value as the INI engine reads it\n"
@@ -17,20 +18,22 @@ static const char overview[] =
     "  ini keys FILE SECTION                the key names of a section\n"
     "  ini dump FILE                        every section and key=value line\n"
     "  conf get FILE NAME                   a value of a name = value file\n"
-    "  json PATTERN FILE                    the placeholders' values, one line per step\n"
+    "  json [-e] PATTERN [FILE]             the placeholders' values, one line per step\n"
     "  run [--timeout SECONDS] -- PROGRAM [ARGS...]\n"
     "                                       run a program, pass on its output and status\n"
-    "  encode base64|base32|hex|url [TEXT...]\n"
-    "  decode base64|base32|hex|url [TEXT...]\n"
-    "  xml-escape [TEXT...]                 text escaped for XML\n"
+    "  encode base64|base32|hex|url [FILE]  encode a file or standard input\n"
+    "  decode base64|base32|hex|url [FILE]  decode a file or standard input\n"
+    "  xml-escape [--attr] [TEXT...]        text escaped for XML\n"
     "  os-release [--file PATH] [KEY]       OS release information\n"
     "  rfc3339 [TIME]                       a date-time in RFC 3339 form (default now)\n"
-    "  pidfile PATH                         write a PID file unless its process runs\n"
+    "  pidfile PATH -- PROGRAM [ARGS...]    write a PID file, then become PROGRAM\n"
     "\n"
-    "A FILE of \"-\" is standard input. Exit status: 0 success, 1 failure or not\n"
-    "found, 2 bad arguments; run passes on the program's status, with 124 when\n"
-    "its time limit ran out, 125 when it could not be started and 127 when the\n"
-    "program was not found.\n";
+    "A FILE of \"-\" is standard input. Options come before operands; \"--\" ends\n"
+    "them. Exit status: 0 success, 1 not found, invalid data or failure, 2 bad\n"
+    "arguments; run passes on the program's status, with 124 when its time limit\n"
+    "ran out, 125 when it could not be started and 127 when the program was not\n"
+    "found; pidfile gives 126 when the program cannot be executed and 127 when\n"
+    "it was not found.\n";
 
 struct command {
     const char *name;
@@ -61,19 +64,27 @@ int main(int argc, char **argv) {
         {"rfc3339", qxu_rfc3339},
         {"pidfile", qxu_pidfile},
     };
+    static const struct option options[] = {QXU_COMMON_OPTIONS, {NULL, 0, NULL, 0}};
+    int started = 0, opt;
     size_t i;
 
     qxu_set_command(NULL, NULL);
-    if (argc < 2)
-        return qxu_usage_error("missing command");
-    if (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0 ||
-        strcmp(argv[1], "help") == 0)
+    if (argc < 2) {
+        /* The whole usage, as a reminder, where the output is not data. */
+        fputs(overview, stderr);
+        return QXU_USAGE;
+    }
+    if (strcmp(argv[1], "help") == 0)
         return finish(qxu_print_help(overview));
+    while ((opt = qxu_getopt(argc, argv, "+:h", options, &started)) != -1)
+        return finish(qxu_other_option(opt, argv, overview));
+    if (optind >= argc)
+        return qxu_usage_error("missing command");
     for (i = 0; i < sizeof commands / sizeof commands[0]; ++i) {
-        if (strcmp(argv[1], commands[i].name) == 0) {
+        if (strcmp(argv[optind], commands[i].name) == 0) {
             qxu_set_command(commands[i].name, NULL);
-            return finish(commands[i].run(argc - 2, argv + 2));
+            return finish(commands[i].run(argc - optind, argv + optind));
         }
     }
-    return qxu_usage_error("unknown command '%s'", argv[1]);
+    return qxu_usage_error("unknown command '%s'", argv[optind]);
 }

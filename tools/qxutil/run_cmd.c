@@ -16,58 +16,38 @@
 static const char run_help[] =
     "usage: qxutil run [--timeout SECONDS] -- PROGRAM [ARGS...]\n"
     "\n"
-    "Runs PROGRAM with ARGS (no shell; a PROGRAM without \"/\" is looked up on\n"
-    "PATH) in a process group of its own with standard input from /dev/null,\n"
-    "collects its standard output and standard error, writes them to qxutil's\n"
-    "own, and exits with the program's exit status. A program ended by a signal\n"
-    "gives 0, as the library reports it.\n"
+    "Runs PROGRAM with ARGS through the library's forkandexec_ex_with_to: no\n"
+    "shell (a PROGRAM without \"/\" is looked up on PATH first), a process group\n"
+    "of its own, and standard input from /dev/null, always: qxutil's own standard\n"
+    "input is not passed on, since the library cannot. Its standard output and\n"
+    "standard error are collected while it runs and written to qxutil's own only\n"
+    "after it has ended, all of standard output first, then all of standard\n"
+    "error; a NUL byte ends what is kept of a piece of output.\n"
     "\n"
-    "--timeout SECONDS  kill the program's process group when it is still running\n"
-    "                   SECONDS after its output ended (the limit starts once the\n"
-    "                   program has closed its output, or after 30 seconds\n"
-    "                   without output); 0 is no limit\n"
+    "--timeout SECONDS  the library's time limit; 0 (the default) is none. It\n"
+    "                   starts only once output collection has ended, which is\n"
+    "                   when every copy of the output pipes is closed (the program\n"
+    "                   holds extra copies, and so do the programs it starts), or\n"
+    "                   after 30 seconds without output. Then the program's\n"
+    "                   process group is killed if it still runs SECONDS later.\n"
+    "\n"
+    "Unlike timeout(1), which counts from the start and kills whatever runs when\n"
+    "the time is up: a program that keeps its output open is never cut short\n"
+    "(\"--timeout 2 -- sleep 10\" runs its 10 seconds and exits 0); a silent one that\n"
+    "runs on is killed about 30 + SECONDS seconds after it started (\"--timeout 2\n"
+    "-- sleep 60\" exits 124 after some 32 seconds); and a program ended by a\n"
+    "signal gives status 0, not 128 + the signal's number, because the library\n"
+    "reports no more than the exit status byte.\n"
     "\n"
     "Exit status: the program's own; 124 when the time limit ran out (said on\n"
     "standard error), 125 when the program could not be started (a pipe or the\n"
-    "child could not be made), 127 when PROGRAM was not found or is not executable, 2 for bad\n"
-    "arguments.\n";
+    "child could not be made), 127 when PROGRAM was not found or is not\n"
+    "executable, 2 for bad arguments.\n";
 
 static double now_seconds(void) {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
-}
-
-/* The library runs argv[0] with execv, which neither searches PATH nor
- * tells a missing program from one that exits with 1; so look it up here. */
-static char *find_program(const char *name) {
-    const char *path = getenv("PATH");
-    size_t name_length = strlen(name);
-
-    if (strchr(name, '/') != NULL)
-        return access(name, X_OK) == 0 ? strdup(name) : NULL;
-    if (path == NULL)
-        path = "/usr/local/bin:/usr/bin:/bin";
-    while (*path != '\0') {
-        const char *end = strchr(path, ':');
-        size_t dir_length = end != NULL ? (size_t)(end - path) : strlen(path);
-        char *candidate = malloc(dir_length + name_length + 3);
-        if (candidate == NULL)
-            return NULL;
-        if (dir_length == 0)
-            snprintf(candidate, dir_length + name_length + 3, "./%s", name);
-        else
-            snprintf(candidate, dir_length + name_length + 3, "%.*s/%s", (int)dir_length, path,
-                     name);
-        if (access(candidate, X_OK) == 0)
-            return candidate;
-        free(candidate);
-        if (end == NULL)
-            break;
-        path = end + 1;
-    }
-    errno = ENOENT;
-    return NULL;
 }
 
 static int parse_seconds(const char *text, int *seconds) {
@@ -85,7 +65,9 @@ static int parse_seconds(const char *text, int *seconds) {
 
 static int run_program(char **argv, int timeout) {
     strbuf out = {NULL, 0, 0}, err = {NULL, 0, 0};
-    char *program = find_program(argv[0]);
+    /* The library runs argv[0] with execv, which neither searches PATH nor
+     * tells a missing program from one that exits with 1. */
+    char *program = qxu_find_program(argv[0]);
     char *original = argv[0];
     double started;
     int rc, start_errno;
@@ -96,7 +78,7 @@ static int run_program(char **argv, int timeout) {
             qxu_fail("%s: command not found", original);
         else
             qxu_fail("%s: %s", original, strerror(saved));
-        return QXU_RUN_NOT_FOUND;
+        return QXU_NOT_FOUND;
     }
     argv[0] = program;
     started = now_seconds();
@@ -124,34 +106,22 @@ static int run_program(char **argv, int timeout) {
 }
 
 int qxu_run(int argc, char **argv) {
-    int timeout = 0;
-    int i = 0;
+    static const struct option options[] = {
+        {"timeout", required_argument, NULL, 't'}, QXU_COMMON_OPTIONS, {NULL, 0, NULL, 0}};
+    int started = 0, timeout = 0, opt;
 
-    if (qxu_wants_help(argc, argv))
-        return qxu_print_help(run_help);
-    while (i < argc) {
-        const char *arg = argv[i];
-        if (strcmp(arg, "--") == 0) {
-            ++i;
-            break;
-        }
-        if (strcmp(arg, "--timeout") == 0 || strncmp(arg, "--timeout=", 10) == 0) {
-            const char *value = arg[9] == '=' ? arg + 10 : (i + 1 < argc ? argv[++i] : NULL);
-            if (value == NULL)
-                return qxu_usage_error("--timeout needs a number of SECONDS");
-            if (parse_seconds(value, &timeout) != 0)
-                return qxu_usage_error("--timeout: '%s' is not a number of seconds", value);
-            ++i;
-            continue;
-        }
-        if (arg[0] == '-')
-            return qxu_usage_error("unknown option '%s'", arg);
-        break;
+    while ((opt = qxu_getopt(argc, argv, "+:h", options, &started)) != -1) {
+        if (opt == ':' && optopt == 't')
+            return qxu_usage_error("--timeout needs a number of SECONDS");
+        if (opt != 't')
+            return qxu_other_option(opt, argv, run_help);
+        if (parse_seconds(optarg, &timeout) != 0)
+            return qxu_usage_error("--timeout: '%s' is not a number of seconds", optarg);
     }
-    if (i >= argc)
+    if (optind >= argc)
         return qxu_usage_error("missing PROGRAM");
-    if (argv[i][0] == '\0')
+    if (argv[optind][0] == '\0')
         return qxu_usage_error("empty PROGRAM");
     /* argv is NULL-terminated by main's caller, as execv wants it. */
-    return run_program(argv + i, timeout);
+    return run_program(argv + optind, timeout);
 }

@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <qxcommon-util/dirtree.h>
@@ -47,19 +48,39 @@ int qxu_fail(const char *format, ...) {
     return QXU_FAILED;
 }
 
-int qxu_wants_help(int argc, char **argv) {
-    int i;
-    for (i = 0; i < argc; ++i) {
-        if (strcmp(argv[i], "--") == 0)
-            return 0;
-        if (strcmp(argv[i], "--help") == 0 || strcmp(argv[i], "-h") == 0)
-            return 1;
+int qxu_getopt(int argc, char **argv, const char *shortopts, const struct option *longopts,
+               int *started) {
+    if (!*started) {
+        /* 0 makes glibc start afresh, also after an earlier parse. */
+        optind = 0;
+        *started = 1;
     }
-    return 0;
+    opterr = 0;
+    return getopt_long(argc, argv, shortopts, longopts, NULL);
+}
+
+int qxu_other_option(int opt, char **argv, const char *help) {
+    switch (opt) {
+    case 'h':
+        return qxu_print_help(help);
+    case 'V':
+        return qxu_print_version();
+    case ':':
+        return qxu_usage_error("option '%s' needs a value", argv[optind - 1]);
+    default:
+        if (optopt != 0 && optopt != '?')
+            return qxu_usage_error("unknown option '-%c'", optopt);
+        return qxu_usage_error("unknown option '%s'", argv[optind - 1]);
+    }
 }
 
 int qxu_print_help(const char *text) {
     fputs(text, stdout);
+    return QXU_OK;
+}
+
+int qxu_print_version(void) {
+    printf("qxutil %s (libqxcommon-util %s)\n", QXUTIL_VERSION, QXUTIL_VERSION);
     return QXU_OK;
 }
 
@@ -99,94 +120,80 @@ int qxu_read_all(FILE *stream, char **data, size_t *length) {
     return 0;
 }
 
-int qxu_text_input(int argc, char **argv, char **data, size_t *length) {
-    size_t total = 0;
-    char *text, *at;
-    int i;
-
-    int literal = argc > 0 && strcmp(argv[0], "--") == 0;
-
-    /* After "--" every argument is text, "-" and "--help" included. */
-    if (literal) {
-        --argc;
-        ++argv;
-    }
-    if (argc == 0 || (!literal && argc == 1 && strcmp(argv[0], "-") == 0)) {
-        if (qxu_read_all(stdin, data, length) != 0) {
-            qxu_fail("cannot read standard input: %s", strerror(errno));
-            return -1;
-        }
-        return 0;
-    }
-    for (i = 0; i < argc; ++i)
-        total += strlen(argv[i]) + 1;
-    text = malloc(total);
-    if (text == NULL) {
-        qxu_fail("out of memory");
-        return -1;
-    }
-    at = text;
-    for (i = 0; i < argc; ++i) {
-        size_t n = strlen(argv[i]);
-        if (i > 0)
-            *at++ = ' ';
-        memcpy(at, argv[i], n);
-        at += n;
-    }
-    *at = '\0';
-    *data = text;
-    *length = (size_t)(at - text);
-    return 0;
-}
-
 int qxu_write_all(FILE *stream, const void *data, size_t length) {
     if (length == 0)
         return 0;
     return fwrite(data, 1, length, stream) == length ? 0 : -1;
 }
 
+/* Copies the stream to the descriptor in pieces; 0, or -1 with errno. */
+static int copy_stream(FILE *from, int fd) {
+    char buffer[65536];
+    for (;;) {
+        size_t got = fread(buffer, 1, sizeof buffer, from), done = 0;
+        while (done < got) {
+            ssize_t n = write(fd, buffer + done, got - done);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0)
+                return -1;
+            done += (size_t)n;
+        }
+        if (got < sizeof buffer) {
+            if (ferror(from)) {
+                if (errno == 0)
+                    errno = EIO;
+                return -1;
+            }
+            return 0;
+        }
+    }
+}
+
 int qxu_named_input_open(qxu_named_input *input, const char *name) {
     const char *dir = getenv("TMPDIR");
-    char *copy = NULL;
-    size_t length = 0;
-    int fd;
+    const char *shown = strcmp(name, "-") == 0 ? "standard input" : name;
+    struct stat st;
+    FILE *from = stdin;
+    int fd, failed;
 
     input->path = name;
     input->temporary = NULL;
-    if (strcmp(name, "-") != 0)
-        return 0;
+    if (strcmp(name, "-") != 0) {
+        /* A missing or unreadable file is left to the caller, which says
+         * what the library makes of it. */
+        if (stat(name, &st) != 0 || S_ISREG(st.st_mode))
+            return 0;
+        if (S_ISDIR(st.st_mode))
+            return qxu_fail("%s is a directory", name);
+        /* A pipe or a device reads only once, but the library opens the
+         * file again for every lookup. */
+        from = fopen(name, "rb");
+        if (from == NULL)
+            return qxu_fail("cannot open %s: %s", name, strerror(errno));
+    }
     if (dir == NULL || *dir == '\0')
         dir = "/tmp";
-    if (qxu_read_all(stdin, &copy, &length) != 0)
-        return qxu_fail("cannot read standard input: %s", strerror(errno));
     fd = create_tempfile(dir, O_WRONLY | O_CLOEXEC, 0600, &input->temporary);
     if (fd < 0) {
         int saved = errno;
-        free(copy);
+        if (from != stdin)
+            fclose(from);
         return qxu_fail("cannot create a temporary file in %s: %s", dir, strerror(saved));
     }
-    {
-        size_t done = 0;
-        while (done < length) {
-            ssize_t n = write(fd, copy + done, length - done);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n <= 0) {
-                int saved = errno;
-                close(fd);
-                free(copy);
-                qxu_named_input_close(input);
-                return qxu_fail("cannot copy standard input: %s", strerror(saved));
-            }
-            done += (size_t)n;
-        }
-    }
-    free(copy);
-    if (close(fd) != 0) {
-        int saved = errno;
+    errno = 0;
+    failed = copy_stream(from, fd);
+    if (close(fd) != 0)
+        failed = -1;
+    if (failed) {
+        int saved = errno != 0 ? errno : EIO;
+        if (from != stdin)
+            fclose(from);
         qxu_named_input_close(input);
-        return qxu_fail("cannot copy standard input: %s", strerror(saved));
+        return qxu_fail("cannot copy %s: %s", shown, strerror(saved));
     }
+    if (from != stdin)
+        fclose(from);
     input->path = input->temporary;
     return 0;
 }
@@ -197,4 +204,36 @@ void qxu_named_input_close(qxu_named_input *input) {
         free(input->temporary);
         input->temporary = NULL;
     }
+}
+
+char *qxu_find_program(const char *name) {
+    const char *path = getenv("PATH");
+    size_t name_length = strlen(name);
+
+    if (strchr(name, '/') != NULL)
+        return access(name, X_OK) == 0 ? strdup(name) : NULL;
+    if (path == NULL)
+        path = "/usr/local/bin:/usr/bin:/bin";
+    while (*path != '\0') {
+        const char *end = strchr(path, ':');
+        size_t dir_length = end != NULL ? (size_t)(end - path) : strlen(path);
+        char *candidate = malloc(dir_length + name_length + 3);
+        struct stat st;
+        if (candidate == NULL)
+            return NULL;
+        if (dir_length == 0)
+            snprintf(candidate, dir_length + name_length + 3, "./%s", name);
+        else
+            snprintf(candidate, dir_length + name_length + 3, "%.*s/%s", (int)dir_length, path,
+                     name);
+        /* execvp passes over directories that happen to be executable. */
+        if (access(candidate, X_OK) == 0 && stat(candidate, &st) == 0 && !S_ISDIR(st.st_mode))
+            return candidate;
+        free(candidate);
+        if (end == NULL)
+            break;
+        path = end + 1;
+    }
+    errno = ENOENT;
+    return NULL;
 }
