@@ -66,9 +66,9 @@ QX_API int hex4_decode(const char *in, unsigned int *value);
  * characters are counted, plus c / linelen + 1 when wrapping, plus the
  * padding (4 - c % 4); when that does not fit in the room left the size
  * grows to (that + size + 1) | 1023 (with lines of one character it may
- * grow a little more, to hold every byte written). With pad 0 the length added is the
- * count without padding: a wrapped result without padding is cut or
- * extended by that count (deliberate). 0 on success; -1 for a NULL data, a
+ * grow a little more, to hold every byte written). With pad 0 the length
+ * added is the count without padding: a wrapped result without padding is
+ * cut or extended by that count (deliberate). 0 on success; -1 for a NULL data, a
  * len whose 8 * len + 5 overflows 32 bits, or a failed growth (buffer
  * unchanged); a len below 1 appends nothing and returns 0. */
 QX_API int strbuf_append_b64n_wrap(strbuf *sb, const void *data, int len, int pad, int linelen);

@@ -127,9 +127,9 @@ QX_API int jproc_open_file(jproc *state, const char *path);
  * the slots hold one, 0 when all were delivered (and for a NULL state). A
  * pattern without arrays, or a document whose walked arrays are empty or
  * missing, gives exactly one step; slots under missing parts stay NULL, and
- * without a document every slot stays NULL. An array pattern without an element pattern
- * still steps through its elements but fills nothing; a member without a
- * pattern is skipped. */
+ * without a document every slot stays NULL. An array pattern without an
+ * element pattern still steps through its elements but fills nothing; a
+ * member without a pattern is skipped. */
 QX_API int jproc_step(jproc *state);
 
 /* The argument count (the number of slots); 0 for a NULL state. */
