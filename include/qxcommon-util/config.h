@@ -44,8 +44,11 @@ QX_API void qx_config_reader_delete(qx_config_reader *reader);
  * empty lines and lines starting with "#" are skipped; a line is used only
  * when "=" cuts it into exactly two fields (so a value cannot contain "="),
  * whose trimmed texts become name and value. Other lines are ignored
- * silently. Results: 0 success; -1 path is NULL or the file reader cannot
- * be created; -3 the file cannot be opened; -4 closing it failed. */
+ * silently, and so is a line that cannot be copied for lack of memory.
+ * The set is not emptied first, and with duplicate names the pair read
+ * first wins. Results: 0 success; -1 path is NULL or the file reader cannot
+ * be created; -3 the file cannot be opened; -4 closing it failed. On every
+ * failure no pair of this file is added and those already held stay. */
 QX_API int qx_config_reader_read_config(qx_config_reader *reader, const char *path);
 /* The value of the first pair with that name (owned by the reader), or NULL
  * when there is none or name is NULL. With duplicate names the first read

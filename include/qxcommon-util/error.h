@@ -30,30 +30,47 @@ enum {
 /* Where a program keeps the last library error code; zero at load time. */
 QX_API extern int qx_errno;
 
+/* Sets the library-wide debug level (0 at load time). A diagnostic given a
+ * level L is produced only when the debug level is >= L (signed). Plain int,
+ * no locking. */
 QX_API void qx_debug_set(int level);
+/* Returns the debug level. */
 QX_API int qx_debug_get(void);
 
-/* Print to stderr (no newline added) when the debug level is >= level. */
+/* Print to stderr (no newline added) when the debug level is >= level, then
+ * flush stderr. */
 QX_API void qx_debug(int level, const char *format, ...) QX_PRINTF_LIKE(2, 3);
+/* qx_debug with a va_list. */
 QX_API void qx_vdebug(int level, const char *format, va_list ap) QX_PRINTF_LIKE(2, 0);
-/* Like qx_debug, prefixed with the local time as "Mon DD HH:MM:SS.uuuuuu ". */
+/* Like qx_debug, prefixed with the local time as "Mon DD HH:MM:SS.uuuuuu ".
+ * Uses localtime, whose result the C library shares between threads. */
 QX_API void qx_debug_tm(int level, const char *format, ...) QX_PRINTF_LIKE(2, 3);
 
-/* vsyslog, except that priority 7 (LOG_DEBUG) is dropped at debug level 0. */
+/* vsyslog, except that priority exactly 7 (LOG_DEBUG without facility bits)
+ * is dropped when the debug level is exactly 0. Never calls openlog: logs
+ * under the program's identity and facility. */
 QX_API void qx_syslog(int priority, const char *format, ...) QX_PRINTF_LIKE(2, 3);
-/* "message: error text" for errnum on stderr, when the debug level is >= level.
+/* "message: error text" and a newline for errnum on stderr, when the debug
+ * level is >= level; stderr is flushed. The message is cut to 127 bytes.
  * The error text is "unknown" for every error number the C library knows
- * (deliberate); only unknown numbers get the C library's own text. */
+ * (deliberate); only unknown numbers get the C library's own text. Prints
+ * nothing when the text cannot be allocated; reports no error. */
 QX_API void qx_perror(int level, int errnum, const char *format, ...) QX_PRINTF_LIKE(3, 4);
-/* "message: error text" for the current errno through qx_syslog, when the
- * debug level is >= 0. */
+/* "message: error text" for the errno at entry, logged through qx_syslog
+ * with the same priority, when the debug level is >= 0 (so nothing at a
+ * negative level). Same message cut and same "unknown" error text as
+ * qx_perror; logs nothing when the text cannot be allocated. */
 QX_API void qx_syslog_perror(int priority, const char *format, ...) QX_PRINTF_LIKE(2, 3);
 
-/* Text of a library error code. Code 1 gives strerror(errno); codes outside
- * 0..9 give "unknown error N" in one shared static buffer. Never free it. */
+/* Text of a library error code, static: never free or change it. Code 1
+ * gives strerror(errno), not the table's text; codes outside 0..9 give
+ * "unknown error N" in one shared static buffer that the next such call
+ * overwrites. Neither case is reentrant. Never fails. */
 QX_API const char *qx_strerror(int code);
-/* Copies qx_strerror(code) into buf with snprintf; returns snprintf's result,
- * or -1 when buf is NULL. */
+/* Copies qx_strerror(code) into buf with snprintf limited to buflen; returns
+ * snprintf's result, the text's full length even when the copy was cut (0
+ * buflen: nothing written), or -1 when buf is NULL. Goes through
+ * qx_strerror and shares its reentrancy limits (deliberate). */
 QX_API int qx_strerror_r(int code, char *buf, size_t buflen);
 
 #ifdef __cplusplus

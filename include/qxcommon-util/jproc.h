@@ -83,11 +83,13 @@ typedef struct jproc {
     json_value **args;         /* argc slots, NULL when argc is 0 */
 } jproc;
 
-/* Compiles a pattern. Returns a new state without a document, or NULL when
- * the pattern does not parse (nothing stays allocated).
+/* Compiles a pattern. Returns a new state without a document, released with
+ * jproc_free, or NULL when the pattern is NULL or does not parse, or memory
+ * runs out (nothing stays allocated).
  *
  * "?N" sets the argument count to N + 1 even when an earlier placeholder had
- * a larger number, so a later smaller number lowers the count. A pattern in
+ * a larger number, so a later smaller number lowers the count (deliberate).
+ * A pattern in
  * which a placeholder that stays in the compiled pattern would then fall
  * outside the slots ("{'a': ?3, 'b': ?1}", "{'a': ?, 'b': ?, 'c': ?0}") is
  * rejected with NULL; so is a number too large for an int slot count. */
@@ -110,8 +112,8 @@ QX_API int jproc_open_json(jproc *state, json_value *root);
 
 /* Parses length bytes of text (a negative length: strlen(text)) into a
  * document owned by the state, after rewinding and freeing the current owned
- * document. Returns 0, or -1 when the text does not parse; the state then has
- * no document. */
+ * document. Returns 0, or -1 when the text is NULL or does not parse; the
+ * state then has no document (a borrowed one is left to its owner). */
 QX_API int jproc_open_mem(jproc *state, const char *text, int length);
 
 /* Maps the file read-only and parses it like jproc_open_mem. Returns -1 when
@@ -121,18 +123,20 @@ QX_API int jproc_open_mem(jproc *state, const char *text, int length);
  * not parse (the state then has no document). errno tells the system error. */
 QX_API int jproc_open_file(jproc *state, const char *path);
 
-/* Fills the slots with the next combination. Returns 1 when the slots hold
- * one, 0 when all were delivered. A pattern without arrays, or a document
- * whose walked arrays are empty or missing, gives exactly one step; slots
- * under missing parts stay NULL. An array pattern without an element pattern
- * still steps through its elements but fills nothing; a member without a
- * pattern is skipped. */
+/* Clears the slots and fills them with the next combination. Returns 1 when
+ * the slots hold one, 0 when all were delivered (and for a NULL state). A
+ * pattern without arrays, or a document whose walked arrays are empty or
+ * missing, gives exactly one step; slots under missing parts stay NULL, and
+ * without a document every slot stays NULL. An array pattern without an
+ * element pattern still steps through its elements but fills nothing; a
+ * member without a pattern is skipped. */
 QX_API int jproc_step(jproc *state);
 
-/* The argument count (the number of slots). */
+/* The argument count (the number of slots); 0 for a NULL state. */
 QX_API int jproc_arguments(jproc *state);
 
-/* An index is out of range when it is negative or not below the count. */
+/* An index is out of range when it is negative or not below the count. The
+ * getters treat a NULL state as out of range. */
 
 /* The slot's value, NULL when empty or out of range. */
 QX_API json_value *jproc_get_json(jproc *state, int index);

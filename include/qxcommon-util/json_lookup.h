@@ -18,8 +18,9 @@
 extern "C" {
 #endif
 
-/* The value of the first member named exactly name (strcmp) anywhere below
- * value, or NULL. value must not be NULL. */
+/* The value of the first member named exactly name (strcmp, case-sensitive)
+ * anywhere below value, searching objects and arrays, or NULL. A NULL value
+ * or name gives NULL. */
 QX_API json_value *json_get_value_by_name(json_value *value, const char *name);
 
 /* Follows a path: each name is searched (at any depth) below the previous
@@ -29,7 +30,8 @@ QX_API json_value *json_get_value_by_name(json_value *value, const char *name);
  * names are not looked at), or value itself when the list is empty. */
 QX_API json_value *json_get_value_by_name_ex(json_value *value, ...) QX_SENTINEL;
 
-/* The text of the found value when it is a string, else NULL. */
+/* The text of the found value when it is a string (pointing into the tree),
+ * else NULL. */
 QX_API char *json_get_string_by_name(json_value *value, const char *name);
 
 /* The text of the value reached by the path (names ending with a NULL
@@ -38,9 +40,9 @@ QX_API char *json_get_string_by_name_ex(json_value *value, ...) QX_SENTINEL;
 
 /* Finds name and stores through result: an integer's low 32 bits as a
  * signed int, or for a string strtol(text, NULL, 10) narrowed to int (text
- * that is not a number stores 0 and still succeeds). Returns 0, or -1 with
- * nothing stored when nothing is found, the value has another type, or
- * result is NULL. */
+ * that is not a number stores 0 and still succeeds: deliberately lenient).
+ * Returns 0, or -1 with nothing stored when nothing is found, the value has
+ * another type, or result is NULL. */
 QX_API int json_get_int_by_name(json_value *value, const char *name, int *result);
 
 #ifdef __cplusplus

@@ -38,26 +38,34 @@ QX_API llist *llist_reset(llist *list);
 /* Frees the record only; the nodes are left alone. */
 QX_API void llist_delete(llist *list);
 
+/* Links new_node directly after / before node, which must be in the list;
+ * count + 1. Inserting a node that is already linked corrupts both
+ * places. */
 QX_API void llist_insert_after(llist *list, llist_node *node, llist_node *new_node);
 QX_API void llist_insert_before(llist *list, llist_node *node, llist_node *new_node);
+/* Links node first / last; count + 1. */
 QX_API void llist_prepend(llist *list, llist_node *node);
 QX_API void llist_append(llist *list, llist_node *node);
 
-/* Unlinks node (its own prev and next keep their values) and returns the
- * node that followed it, or NULL when it was the last. */
+/* Unlinks node (its own prev and next keep their values), count - 1, and
+ * returns the node that followed it, or NULL when it was the last. node
+ * must be in the list. */
 QX_API llist_node *llist_remove(llist *list, llist_node *node);
 /* Unlink and return the first / last node; NULL and no change when empty. */
 QX_API llist_node *llist_remove_first(llist *list);
 QX_API llist_node *llist_remove_last(llist *list);
 
+/* The number of nodes. */
 QX_API uint32_t llist_nodecount(const llist *list);
+/* The first / last node, or NULL when the list is empty. */
 QX_API llist_node *llist_getfirst(const llist *list);
 QX_API llist_node *llist_getlast(const llist *list);
 /* The node after node, NULL after the last; a NULL node gives the first. */
 QX_API llist_node *llist_getnext(const llist *list, const llist_node *node);
 /* The node before node, NULL before the first; a NULL node gives the last. */
 QX_API llist_node *llist_getprev(const llist *list, const llist_node *node);
-/* Walks from the first node; NULL when index >= count. */
+/* The node at the zero-based index, walking from the first node (linear
+ * time); NULL when index >= count. */
 QX_API llist_node *llist_get_at(const llist *list, uint32_t index);
 /* llist_get_at then llist_remove; the removed node, or NULL. */
 QX_API llist_node *llist_remove_at(llist *list, uint32_t index);
@@ -72,13 +80,15 @@ QX_API llist_node *llist_foreach(llist *list, int (*visitor)(llist_node *node, v
  * free_node gets it and the next one has been read, so free_node may free
  * it; unlinking it once more with llist_remove is harmless. */
 QX_API void llist_free(llist *list, void (*free_node)(llist_node *node));
-/* llist_free (when list is not NULL), then llist_delete. */
+/* llist_free (when list is not NULL), then llist_delete; a NULL list calls
+ * nothing. */
 QX_API void llist_delete_all(llist *list, void (*free_node)(llist_node *node));
 
-/* Reorders the nodes with qsort_r. The comparator receives pointers to two
- * slots of a vector of node pointers (llist_node *const *) and arg. Not
- * stable. When the vector cannot be allocated, the list is left as it was
- * and nothing is reported. */
+/* Reorders the nodes with qsort_r (GNU argument order). The comparator
+ * receives pointers to two slots of a vector of node pointers
+ * (llist_node *const *) and arg, and returns a negative, zero or positive
+ * value. Not stable. When the vector cannot be allocated, the list is left
+ * as it was and nothing is reported. */
 QX_API void llist_sort(llist *list, int (*compar)(const void *, const void *, void *), void *arg);
 
 #ifdef __cplusplus

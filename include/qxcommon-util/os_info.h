@@ -41,18 +41,23 @@ QX_API os_info *os_info_create(const char *path);
  * the value the text behind it, blanks included. A value starting with a
  * double (or single) quote loses it, and its closing quote, when the
  * character just before the line feed is the same quote. A last line
- * without a line feed keeps its quotes. Nothing else is unquoted. */
+ * without a line feed keeps its quotes (deliberate). Nothing else is
+ * unquoted, and comments are not recognised: a "#" line holding "=" becomes
+ * a pair whose key starts with "#". */
 QX_API int openosrelease_v2(os_info *info);
 
 /* The value of the first pair whose key equals key ignoring case, parsing
  * the file first when needed (an unreadable or empty file is tried again on
- * every lookup). The value lives in the record until os_info_free_values;
- * a missing key gives a static empty string, never NULL. */
+ * every lookup). Keys are compared as they stand: blanks around "=" belong
+ * to key and value, and the first occurrence of a repeated key wins. The
+ * value lives in the record until os_info_free_values; a missing key, an
+ * unreadable file, a NULL record or a NULL key gives a static empty string,
+ * never NULL (do not free or change it). */
 QX_API const char *osrelease_v2(os_info *info, const char *key);
 
 /* osrelease_v2 on the library's own record for "/etc/os-release", which is
- * released when the library is unloaded. Not safe against concurrent first
- * calls. */
+ * released when the library is unloaded; the values stay valid until then.
+ * Not safe against concurrent first calls. */
 QX_API const char *osrelease(const char *key);
 
 /* Frees text and pairs and sets them NULL; the path stays, so the next

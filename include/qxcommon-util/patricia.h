@@ -36,14 +36,16 @@ typedef struct patricia {
     void *root; /* tagged pointer; NULL for an empty tree */
 } patricia;
 
-/* 1 if key is stored, else 0. */
+/* 1 if key is stored (an exact strcmp match), else 0. */
 QX_API int patricia_contains(const patricia *tree, const char *key);
-/* Stores a copy of key: 2 inserted; 1 already present; 0 out of memory.
- * On 1 and 0 the tree is unchanged. */
+/* Stores a copy of key (strlen(key) + 1 bytes, the tree's to free): 2
+ * inserted; 1 already present; 0 out of memory. On 1 and 0 the tree is
+ * unchanged. */
 QX_API int patricia_insert(patricia *tree, const char *key);
 /* 1 removed (its copy and one internal node are freed); 0 not present. */
 QX_API int patricia_delete(patricia *tree, const char *key);
-/* Frees every node and stored key and sets the root to NULL. */
+/* Frees every node and stored key and sets the root to NULL; the record
+ * itself stays the caller's. Harmless on an empty tree. */
 QX_API void patricia_clear(patricia *tree);
 /* Hands every stored key that begins with prefix to handler, in ascending
  * strcmp order, as long as handler returns 1. The empty prefix visits the

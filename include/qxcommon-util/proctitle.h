@@ -21,19 +21,26 @@ extern "C" {
  * string to the heap and points environ at a new array; keeps a copy of the
  * base name of argv[0] as the program name. When an allocation fails the
  * environment is left as it was and proctitle stays inert. A NULL argv, a
- * NULL argv[0] or an argc below 1 is refused the same way. A second call
- * copies the environment again and leaks the first copy. */
+ * NULL argv[0] or an argc below 1 is refused the same way, and so are
+ * strings that do not lie behind argv[0]. With an empty environment the
+ * area ends with the last argument. A second call copies the environment
+ * again and leaks the first copy; the area keeps its first measure. The old
+ * environment strings stay in the area until the first proctitle. */
 QX_API void initproctitle(int argc, char **argv);
 
 /* Formats "<program name>: " followed by the caller's text (at most 2047
  * bytes in all) over the argument area, cut to the area's length less two
- * bytes; the rest of the area is zeroed and argv[1] becomes NULL. Does
- * nothing before a successful initproctitle. */
+ * bytes; the rest of the area is zeroed and argv[1] becomes NULL, so argv[0]
+ * reads as the title. A NULL format writes the prefix alone. Does nothing
+ * before a successful initproctitle, and must not be called after
+ * release_proctitle. */
 QX_API void proctitle(const char *format, ...) QX_PRINTF_LIKE(1, 2);
 
-/* Frees the program name and every string of the current environ array,
- * and the array. Resets nothing: it is the last call of the program, and
- * the environment must not be used afterwards. */
+/* Frees the program name and, when initproctitle moved the environment,
+ * every string of the current environ array and the array (an environment
+ * that was never moved is not the library's and is left alone). Resets
+ * nothing, environ included: it is the last call of the program, and the
+ * environment must not be used afterwards. */
 QX_API void release_proctitle(void);
 
 #ifdef __cplusplus

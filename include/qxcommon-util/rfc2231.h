@@ -27,7 +27,9 @@ extern "C" {
  * UTF-8, in room of the encoded value's length: a byte iconv cannot convert
  * (or whose conversion does not fit) is skipped and conversion goes on
  * behind it. When iconv does not know the character set, the decoded bytes
- * are returned unconverted. NULL only when memory runs out. */
+ * are returned unconverted. Never an error for content: NULL only when
+ * memory runs out or iconv_open fails for another reason than an unknown
+ * character set. value must not be NULL. */
 QX_API char *rfc2231_to_utf8(const char *value);
 
 /* Writes "UTF-8''" and the text (NUL-terminated, taken to be UTF-8) with
@@ -40,7 +42,9 @@ QX_API char *rfc2231_to_utf8(const char *value);
  * out and the next byte is tried. A size of 0 writes nothing. With a NULL
  * destination, a zeroed block of 3 * strlen(text) + 8 bytes is allocated
  * (caller frees; NULL when memory runs out), which always holds everything.
- * Returns the destination. */
+ * Returns the destination. A size of 0 with a destination writes nothing,
+ * not even a NUL. The short list of encoded punctuation is deliberate:
+ * "(", ")", ";", "/", "=", "?" and the double quote pass as they are. */
 QX_API char *rfc2231_encode(const char *text, char *dest, size_t size);
 
 #ifdef __cplusplus

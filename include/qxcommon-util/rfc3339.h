@@ -16,7 +16,9 @@ extern "C" {
  * offset are dropped, so an offset of a few seconds gives "+00:00"). The
  * offset text has room for five characters: from 100 hours on the hours
  * take three digits and the last minute digit is cut ("+100:0"). No
- * fractions of seconds. The local time zone is the process's (TZ).
+ * fractions of seconds. The local time zone is the process's (TZ); the
+ * call is reentrant (localtime_r). A time that localtime_r cannot break
+ * down is written as the zeroed broken-down time: "1900-01-00T00:00:00Z".
  *
  * Returns the length of the whole text as snprintf(3) counts it; when that
  * is size or more, the text is truncated, and NUL-terminated when size is

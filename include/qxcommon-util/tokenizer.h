@@ -23,14 +23,19 @@ typedef struct qx_switch_entry {
 
 /* Non-destructive: the start of the next field (not terminated) with its
  * length in *len, the cursor moved past the delimiter that ends it (or onto
- * the text's NUL). NULL, with *len 0, when the cursor is NULL or the text at
- * it is empty. */
+ * the text's NUL). NULL, with *len 0 and the cursor unchanged, when the
+ * cursor is NULL or the text at it is empty: a trailing delimiter therefore
+ * gives no empty last field, while a leading one gives an empty first
+ * field. An empty delims makes the whole rest one field. Never fails. */
 QX_API const char *strnsep(const char **cursor, const char *delims, size_t *len);
 /* Destructive: the next field, NUL-terminated in place, with double quotes
  * and single quotes opening a field and backslash escapes (also inside
- * quotes) removed. The cursor moves past the delimiter, past every following
- * delimiter as well when collapse is 1, and becomes NULL at the end of the
- * text. NULL when the cursor is NULL. */
+ * quotes) removed by shifting the rest of the text left. Only the field's
+ * first character opens quotes; an unclosed quote runs to the end. The
+ * cursor moves past the delimiter, past every following delimiter as well
+ * (each overwritten with NUL) when collapse is 1, and becomes NULL at the
+ * end of the text; an empty text gives one empty field. NULL when the
+ * cursor is NULL. Backslash escapes inside single quotes are deliberate. */
 QX_API char *qx_strsepstr_x(char **cursor, const char *delims, int collapse);
 /* qx_strsepstr_x without collapsing: every delimiter ends one field. */
 QX_API char *my_strsep(char **cursor, const char *delims);

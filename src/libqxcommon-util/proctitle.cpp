@@ -82,7 +82,7 @@ using namespace qx::detail;
 
 extern "C" {
 
-void initproctitle(int argc, char **argv) {
+QX_API void initproctitle(int argc, char **argv) {
     // Without a first argument there is no area to measure.
     if (argv == nullptr || argc < 1 || argv[0] == nullptr)
         return;
@@ -115,7 +115,7 @@ void initproctitle(int argc, char **argv) {
     area_length = end - start;
 }
 
-void proctitle(const char *format, ...) {
+QX_API void proctitle(const char *format, ...) {
     if (saved_argv == nullptr)
         return;
     char work[title_buffer_size];
@@ -146,7 +146,7 @@ void proctitle(const char *format, ...) {
     saved_argv[1] = nullptr;
 }
 
-void release_proctitle(void) {
+QX_API void release_proctitle(void) {
     std::free(program_name);
     // Only an environment that initproctitle moved is the library's to free.
     if (saved_argv == nullptr || environ == nullptr)
