@@ -56,8 +56,8 @@ QX_API int look_for_pid(char **content, const char *name, const char *dir);
 /* Stores in *exe_path a new zeroed block (the caller frees it) and reads
  * the link "/proc/<pid_text>/exe" into it, at most 1024 bytes; a NUL always
  * follows them. 0 when the link could be read, -1 otherwise (the empty
- * block is still stored and must be freed). A NULL pid_text is logged at LOG_INFO and gives -1 with *exe_path
- * untouched. */
+ * block is still stored and must be freed). A NULL pid_text is logged at LOG_INFO and gives -1 with
+ * *exe_path untouched. */
 QX_API int get_process_name(const char *pid_text, char **exe_path);
 
 #ifdef __cplusplus

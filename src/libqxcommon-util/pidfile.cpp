@@ -268,7 +268,7 @@ using namespace qx::detail;
 
 extern "C" {
 
-int write_pidfile(const char *path) {
+QX_API int write_pidfile(const char *path) {
     char recorded[recorded_pid_limit + 1] = {};
     const int read = read_recorded_pid(path, recorded);
     if (read < 0)
@@ -290,7 +290,7 @@ int write_pidfile(const char *path) {
     return write_pid_text(fd, path, line);
 }
 
-int get_process_name(const char *pid_text, char **exe_path) {
+QX_API int get_process_name(const char *pid_text, char **exe_path) {
     if (pid_text == nullptr) {
         ::syslog(LOG_INFO, "Unexpected Error. Procinfo is emtpy");
         return -1;
@@ -306,7 +306,7 @@ int get_process_name(const char *pid_text, char **exe_path) {
     return count > 0 ? 0 : -1;
 }
 
-int look_for_pid(char **content, const char *name, const char *dir) {
+QX_API int look_for_pid(char **content, const char *name, const char *dir) {
     const pid_file_read outcome = read_pid_file(content, name, dir, pid_file_open::plain);
     if (outcome == pid_file_read::empty) {
         // Deliberate and kept: the caller's pointer variable is released,
@@ -318,7 +318,7 @@ int look_for_pid(char **content, const char *name, const char *dir) {
     return outcome == pid_file_read::text ? 0 : -1;
 }
 
-int check_for_instance(const char *dir, const char **errmsg) {
+QX_API int check_for_instance(const char *dir, const char **errmsg) {
     char own_pid[recorded_pid_limit];
     std::snprintf(own_pid, sizeof own_pid, "%d", static_cast<int>(::getpid()));
     char *own_exe = nullptr;
