@@ -2,6 +2,14 @@
 // they run. The codecs and escapes call the wrappers at the end of this file;
 // each does a leading part of the job when the vector path is taken and
 // nothing otherwise, and the caller's scalar loop does the rest.
+//
+// A kernel stays here only while it is clearly faster than the scalar loop
+// it stands in for. The figures in the comments are from bench/codec_bench
+// (1 MiB per call, Release build, AVX2 machine, 2026-11-25), run alternately
+// with and without QXCOMMON_UTIL_SIMD=scalar: the median CPU time per call
+// over several runs of 5 to 9 repetitions each. The machine was shared and
+// loaded while they were taken, so single runs swung by up to a third; the
+// medians are what the figures give.
 #include "internal/simd.hpp"
 
 #include <array>
@@ -131,6 +139,8 @@ constexpr std::array<std::int8_t, 16> base64_class_offsets = make_base64_class_o
 // lane loads sixteen bytes and uses twelve, so the loop stops while 28 bytes
 // remain readable. Returns the bytes consumed (a multiple of 24); the caller
 // encodes the rest.
+// Measured: 0.14 ms per MiB against 0.67 ms for the scalar loop (about 4.7
+// times as fast).
 __attribute__((target("avx2"))) std::size_t encode_base64_avx2(const unsigned char *in,
                                                                std::size_t n, char *out) noexcept {
     // Each group a b c is spread to the little-endian word b a c b, so that
@@ -183,6 +193,8 @@ run_values(__m256i c, const std::array<char_run, N> &runs, __m256i &known) noexc
 // of them are in the alphabet and the bytes fit in room; a round with any
 // other character is left to the caller, which meets the same characters
 // again. Returns the characters consumed (a multiple of 32).
+// Measured: 0.35 ms per MiB of data against 1.25 ms for the scalar loop
+// (about 3.5 times as fast).
 __attribute__((target("avx2"))) std::size_t
 decode_base64_avx2(const char *in, std::size_t n, unsigned char *out, std::size_t room) noexcept {
     const __m256i gather = _mm256_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1,
@@ -215,6 +227,8 @@ decode_base64_avx2(const char *in, std::size_t n, unsigned char *out, std::size_
 // characters before its end. A round with anything but hex digits is left to
 // the caller, which stops at the same character. Returns the bytes stored (a
 // multiple of 16).
+// Measured: 0.28 ms per MiB of data against 1.18 ms for the scalar loop
+// (about 4.2 times as fast).
 __attribute__((target("avx2"))) std::size_t decode_hex_avx2(const char *in, unsigned char *out,
                                                             std::size_t most) noexcept {
     std::size_t count = 0;
@@ -270,6 +284,11 @@ constexpr auto unreserved_runs = make_unreserved_runs();
 // byte. Returns the bytes of source consumed; *end receives the end of the
 // output. Every store writes output bytes only, so the room for the encoded
 // form is room for every store.
+// Measured on the benchmark's URL-like text, in which no block of 32 is all
+// unreserved: 1.14 ms per MiB against 1.31 ms for the scalar loop (about 15%
+// faster; nine alternating pairs of runs gave 0.87 to 1.32 times). There the
+// gain comes from the fixed-length byte loop of each block rather than from
+// the one-store copy, which only text with long unreserved runs meets.
 __attribute__((target("avx2"))) std::size_t percent_encode_avx2(const char *source, std::size_t n,
                                                                 char *out, char **end) noexcept {
     std::size_t i = 0;
