@@ -37,7 +37,12 @@ namespace {
 // atomics: two threads that decide at the same time reach the same answer.
 int chosen_path = 0;
 
-bool machine_has_avx2() noexcept {
+// Whether the CPU and the operating system support AVX2: 0 not probed yet, 1
+// no, 2 yes. Probed once, as the path is: on a virtual machine each cpuid
+// instruction may trap to the hypervisor.
+int machine_avx2 = 0;
+
+bool probe_avx2() noexcept {
 #if QX_SIMD_X86
     unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
     if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx) || (ecx & bit_OSXSAVE) == 0 || (ecx & bit_AVX) == 0)
@@ -51,6 +56,15 @@ bool machine_has_avx2() noexcept {
 #else
     return false;
 #endif
+}
+
+bool machine_has_avx2() noexcept {
+    int state = __atomic_load_n(&machine_avx2, __ATOMIC_RELAXED);
+    if (state == 0) {
+        state = probe_avx2() ? 2 : 1;
+        __atomic_store_n(&machine_avx2, state, __ATOMIC_RELAXED);
+    }
+    return state == 2;
 }
 
 path path_from_environment() noexcept {
