@@ -5,6 +5,13 @@
 //   cmake --preset bench && cmake --build --preset bench
 //   build/bench/bench/codec_bench
 //
+// The Base64 and hex decoders, the Base64 encoder and the URL encoding have
+// vector kernels; QXCOMMON_UTIL_SIMD=scalar in the environment makes them
+// take the scalar path, so that the two can be compared:
+//
+//   QXCOMMON_UTIL_SIMD=scalar build/bench/bench/codec_bench \
+//       --benchmark_filter='^hex_decode/qx$' --benchmark_repetitions=5
+//
 // Every encoder and decoder gets a fresh output block per iteration: glib
 // allocates its result itself, so ours and libb64 pay for a malloc too. The
 // bytes processed are the bytes of binary data (1 MiB), whichever way they go.

@@ -10,6 +10,7 @@
 #include "qxcommon-util/codec.h"
 #include "qxcommon-util/strbuf.h"
 #include "support/alloc_fail.hpp"
+#include "support/simd_path.hpp"
 
 namespace {
 
@@ -60,6 +61,27 @@ std::string without_padding(std::string s) {
     s.erase(s.find_last_not_of('=') + 1);
     return s;
 }
+
+// Base64 written out from the rule, six bits at a time, most significant
+// first, the last group's free bits zero and "=" up to four characters.
+std::string base64_by_the_rule(const std::vector<unsigned char> &bytes) {
+    static const char alphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+        const std::size_t n = std::min<std::size_t>(3, bytes.size() - i);
+        unsigned long group = 0;
+        for (std::size_t k = 0; k < 3; ++k)
+            group = group << 8 | (k < n ? bytes[i + k] : 0U);
+        for (std::size_t k = 0; k < 4; ++k)
+            out += k <= n ? alphabet[group >> (18 - 6 * k) & 63] : '=';
+    }
+    return out;
+}
+
+// The lengths and positions around the widths in which long inputs are
+// taken: every one from 0 to a little over three rounds of 32 characters.
+constexpr std::size_t long_input = 100;
 
 // ---- base32_encode ----
 
@@ -292,6 +314,22 @@ TEST(Base64Encode, WritesNothingForALengthBelowOne) {
     EXPECT_EQ(std::string(out, 4), "xxxx");
 }
 
+TEST(Base64Encode, WritesEverySixBitsOfLongInputsOfEveryLength) {
+    std::mt19937 generator(2024);
+    for (std::size_t n = 0; n <= long_input; ++n) {
+        const auto input = random_bytes(generator, n);
+        const std::string expected = base64_by_the_rule(input);
+        // Exactly the needed room, and a mark behind it that must stay.
+        std::vector<char> out(expected.size() + 1, '#');
+        ASSERT_EQ(base64_encode(input.data(), static_cast<int>(n), out.data(),
+                                static_cast<int>(expected.size())),
+                  static_cast<int>(expected.size()))
+            << n;
+        EXPECT_EQ(std::string(out.data(), expected.size()), expected) << n;
+        EXPECT_EQ(out.back(), '#') << n;
+    }
+}
+
 // ---- base64_encode_wrap ----
 
 TEST(Base64EncodeWrap, EndsAFullLastLineWithALineFeed) {
@@ -452,6 +490,52 @@ TEST(Base64RoundTrip, GivesBackRandomBytesOfEveryLengthUpTo300) {
     }
 }
 
+TEST(Base64Decode, EndsALongInputAtAForeignCharacterInAnyPlace) {
+    std::mt19937 generator(77);
+    const auto data = random_bytes(generator, 75);
+    const std::string encoded = base64_by_the_rule(data); // 100 characters, no padding
+    ASSERT_EQ(encoded.size(), long_input);
+    for (std::size_t k = 0; k < encoded.size(); ++k) {
+        for (const char foreign : {' ', '=', '\n', '-', '\xC3'}) {
+            std::string text = encoded;
+            text[k] = foreign;
+            const auto in = c_string(text);
+            // Every four characters give three bytes; the left-over bits of
+            // the k characters before the foreign one are dropped.
+            const std::size_t bytes = k * 6 / 8;
+            std::vector<unsigned char> out(data.size() + 1, '#');
+            ASSERT_EQ(base64_decode(in.data(), out.data(), static_cast<int>(data.size())),
+                      static_cast<int>(bytes))
+                << k;
+            EXPECT_TRUE(
+                std::equal(data.begin(), data.begin() + static_cast<long>(bytes), out.begin()))
+                << k;
+            EXPECT_EQ(out[bytes], '#') << k;
+        }
+    }
+}
+
+TEST(Base64Decode, RefusesEveryOutputSizeShortOfALongInput) {
+    std::mt19937 generator(78);
+    const auto data = random_bytes(generator, 75);
+    const auto in = c_string(base64_by_the_rule(data));
+    for (std::size_t size = 0; size <= data.size(); ++size) {
+        // Exactly size bytes, so that a store beyond them is seen.
+        std::vector<unsigned char> out(size + 1, '#');
+        const int result = base64_decode(in.data(), out.data(), static_cast<int>(size));
+        if (size < data.size()) {
+            EXPECT_EQ(result, -1) << size;
+            EXPECT_TRUE(
+                std::equal(out.begin(), out.begin() + static_cast<long>(size), data.begin()))
+                << size;
+        } else {
+            EXPECT_EQ(result, static_cast<int>(data.size()));
+            EXPECT_TRUE(std::equal(data.begin(), data.end(), out.begin()));
+        }
+        EXPECT_EQ(out[size], '#') << size;
+    }
+}
+
 // ---- hex_decode and hex4_decode ----
 
 TEST(HexDecode, DecodesDigitsOfEitherCaseAndEndsWithANul) {
@@ -529,6 +613,58 @@ TEST(HexDecode, ReturnsZeroForANullInputOrAnOutsizeBelowTwo) {
     // Taken as int, 0x80000000 is negative.
     EXPECT_EQ(hex_decode("41", out, 0x80000000U), 0);
     EXPECT_EQ(std::string(out, out + 4), "xxxx");
+}
+
+TEST(HexDecode, EndsALongInputAtAnInvalidDigitInAnyPlace) {
+    std::mt19937 generator(79);
+    const auto data = random_bytes(generator, long_input / 2);
+    std::string digits;
+    for (const unsigned char b : data) {
+        digits += "0123456789abcdef"[b >> 4];
+        digits += "0123456789ABCDEF"[b & 15];
+    }
+    for (std::size_t k = 0; k <= digits.size(); ++k) {
+        for (const char invalid : {'g', 'G', '/', ':', '@', '`', ' ', '\0'}) {
+            std::string text = digits;
+            if (k < text.size())
+                text[k] = invalid;
+            const auto in = c_string(text);
+            // The pair that holds the invalid digit and those after it are
+            // not decoded.
+            const std::size_t bytes = k / 2;
+            std::vector<unsigned char> out(data.size() + 2, '#');
+            ASSERT_EQ(hex_decode(in.data(), out.data(), static_cast<unsigned int>(out.size())),
+                      static_cast<int>(bytes))
+                << k;
+            EXPECT_TRUE(
+                std::equal(data.begin(), data.begin() + static_cast<long>(bytes), out.begin()))
+                << k;
+            EXPECT_EQ(out[bytes], bytes > 0 ? '\0' : '#') << k;
+            EXPECT_EQ(out[bytes + 1], '#') << k;
+        }
+    }
+}
+
+TEST(HexDecode, StoresOutsizeLessOneBytesOfALongInputForEverySize) {
+    std::mt19937 generator(80);
+    const auto data = random_bytes(generator, long_input / 2);
+    std::string digits;
+    for (const unsigned char b : data) {
+        digits += "0123456789abcdef"[b >> 4];
+        digits += "0123456789abcdef"[b & 15];
+    }
+    const auto in = c_string(digits);
+    for (std::size_t size = 2; size <= data.size() + 1; ++size) {
+        std::vector<unsigned char> out(size + 1, '#');
+        ASSERT_EQ(hex_decode(in.data(), out.data(), static_cast<unsigned int>(size)),
+                  static_cast<int>(size - 1))
+            << size;
+        EXPECT_TRUE(
+            std::equal(data.begin(), data.begin() + static_cast<long>(size - 1), out.begin()))
+            << size;
+        EXPECT_EQ(out[size - 1], '\0') << size;
+        EXPECT_EQ(out[size], '#') << size;
+    }
 }
 
 TEST(Hex4Decode, StoresTheValueOfFourDigits) {

@@ -10,6 +10,7 @@
 #include "qxcommon-util/escape.h"
 #include "qxcommon-util/strbuf.h"
 #include "support/alloc_fail.hpp"
+#include "support/simd_path.hpp"
 
 namespace {
 
@@ -64,6 +65,36 @@ TEST_F(UrlEncode, KeepsOnlyTheUnreservedCharacters) {
         char expected[4];
         std::snprintf(expected, sizeof expected, "%%%02x", b);
         EXPECT_EQ(text_of(sb), unreserved ? std::string(1, c) : std::string(expected)) << b;
+    }
+}
+
+TEST_F(UrlEncode, EncodesEachByteInAnyPlaceOfALongText) {
+    // Every position up to a little over three rounds of 32 bytes, each
+    // byte value in turn among unreserved ones, so that a long text is taken
+    // both in plain runs and around the byte that needs escaping.
+    const std::string plain = "abcdefghijklmnopqrstuvwxyz-._~ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+    for (std::size_t length = 1; length <= 100; ++length) {
+        const std::string unreserved = (plain + plain).substr(0, length);
+        for (std::size_t k = 0; k < length; k += 7) {
+            for (int b = 1; b < 256; b += 13) {
+                std::string text = unreserved;
+                text[k] = static_cast<char>(b);
+                set(text);
+                ASSERT_EQ(strbuf_urlencode(&sb), 0);
+                const bool kept = plain.find(static_cast<char>(b)) != std::string::npos;
+                char escaped[4];
+                std::snprintf(escaped, sizeof escaped, "%%%02x", b);
+                const std::string expected =
+                    unreserved.substr(0, k) +
+                    (kept ? std::string(1, static_cast<char>(b)) : std::string(escaped)) +
+                    unreserved.substr(k + 1);
+                ASSERT_EQ(text_of(sb), expected) << length << " " << k << " " << b;
+                ASSERT_EQ(sb.text[sb.length], '\0');
+            }
+        }
+        set(unreserved);
+        ASSERT_EQ(strbuf_urlencode(&sb), 0);
+        EXPECT_EQ(text_of(sb), unreserved);
     }
 }
 

@@ -35,12 +35,12 @@ struct snapshot {
           content(sb.text != nullptr ? std::string(sb.text, sb.length + 1) : std::string()) {}
 };
 
-// The offsets and lengths around the sizes where a short copy changes how it
-// is done, from a prefix of each of several lengths so that the copies also
-// start at different alignments. For each, add(sb, n) is handed a buffer that
-// holds the prefix, with the room behind its NUL filled with '#', and adds n
-// bytes; the bytes it added are then checked, with the NUL behind them and
-// the marks behind that, which nothing may have touched.
+// Every short length from 0 to 40, after a prefix of each of several lengths
+// so that the copies also start at different alignments. For each, add(sb, n)
+// is handed a buffer that holds the prefix, with the room behind its NUL
+// filled with '#', and adds n bytes; the bytes it added are then checked,
+// with the NUL behind them and the marks behind that, which nothing may have
+// touched.
 template <typename Add> void check_short_copies(Add add) {
     constexpr std::size_t prefixes[] = {0, 1, 5, 13};
     for (const std::size_t prefix : prefixes) {

@@ -9,17 +9,8 @@
 #include <cstring>
 
 #include "internal/codec_tables.hpp"
-#include "internal/cpu_features.hpp"
+#include "internal/simd.hpp"
 #include "internal/strbuf_growth.hpp"
-
-#if defined(QX_HAVE_X86_DISPATCH) && (defined(__GNUC__) || defined(__clang__))
-#include <immintrin.h>
-#define QX_CODEC_AVX2 1
-#else
-#define QX_CODEC_AVX2 0
-#endif
-
-#define QX_HEX_AVX2 QX_CODEC_AVX2
 
 namespace qx::detail {
 
@@ -27,195 +18,6 @@ namespace {
 
 constexpr reverse_table base32_values = make_reverse_table(base32_alphabet, true);
 constexpr reverse_table base64_values = make_reverse_table(base64_alphabet);
-
-// A run of consecutive characters in an alphabet: the characters first to
-// first + length - 1 stand for value to value + length - 1.
-struct char_run {
-    unsigned char first = 0;
-    unsigned char length = 0;
-    unsigned char value = 0;
-};
-
-constexpr std::size_t count_runs(std::string_view alphabet) noexcept {
-    std::size_t runs = alphabet.empty() ? 0 : 1;
-    for (std::size_t i = 1; i < alphabet.size(); ++i)
-        if (alphabet[i] != alphabet[i - 1] + 1)
-            ++runs;
-    return runs;
-}
-
-template <std::size_t N> constexpr std::array<char_run, N> runs_of(std::string_view alphabet) {
-    std::array<char_run, N> runs{};
-    std::size_t r = 0;
-    for (std::size_t i = 0; i < alphabet.size(); ++i) {
-        if (i > 0 && alphabet[i] == alphabet[i - 1] + 1) {
-            ++runs[r - 1].length;
-            continue;
-        }
-        runs[r++] = {static_cast<unsigned char>(alphabet[i]), 1, static_cast<unsigned char>(i)};
-    }
-    return runs;
-}
-
-constexpr auto base64_runs = runs_of<count_runs(base64_alphabet)>(base64_alphabet);
-
-// Hex digits in either case: the runs of the upper-case digits and the
-// letter run of the lower-case ones.
-constexpr auto hex_upper_runs = runs_of<count_runs(hex_digits_upper)>(hex_digits_upper);
-constexpr auto hex_lower_runs = runs_of<count_runs(hex_digits_lower)>(hex_digits_lower);
-static_assert(hex_upper_runs.size() == 2 && hex_lower_runs.size() == 2);
-constexpr std::array<char_run, 3> hex_runs = {hex_upper_runs[0], hex_upper_runs[1],
-                                              hex_lower_runs[1]};
-
-// The vector encoder sorts an index into one of fourteen classes: 0 for
-// 26..51, 1..12 for 52..63 and 13 for 0..25, and adds the class's offset
-// from index to character. The offsets come from the alphabet; this holds
-// only if every index of a class has the same offset.
-constexpr int base64_class_of(std::size_t index) noexcept {
-    if (index < 26)
-        return 13;
-    return index <= 51 ? 0 : static_cast<int>(index - 51);
-}
-
-constexpr int base64_offset(std::size_t index) noexcept {
-    return static_cast<int>(static_cast<unsigned char>(base64_alphabet[index])) -
-           static_cast<int>(index);
-}
-
-constexpr std::array<std::int8_t, 16> make_base64_class_offsets() noexcept {
-    std::array<std::int8_t, 16> offsets{};
-    for (std::size_t i = 0; i < base64_alphabet.size(); ++i)
-        offsets[static_cast<std::size_t>(base64_class_of(i))] =
-            static_cast<std::int8_t>(base64_offset(i));
-    return offsets;
-}
-
-constexpr bool base64_classes_consistent() noexcept {
-    for (std::size_t i = 0; i < base64_alphabet.size(); ++i)
-        for (std::size_t j = 0; j < base64_alphabet.size(); ++j)
-            if (base64_class_of(i) == base64_class_of(j) && base64_offset(i) != base64_offset(j))
-                return false;
-    return true;
-}
-
-static_assert(base64_classes_consistent());
-constexpr std::array<std::int8_t, 16> base64_class_offsets = make_base64_class_offsets();
-
-#if QX_CODEC_AVX2
-
-// Twenty-four bytes become thirty-two characters per round. Each 128-bit
-// lane loads sixteen bytes and uses twelve, so the loop stops while 28 bytes
-// remain readable. Returns the bytes consumed (a multiple of 24); the caller
-// encodes the rest.
-__attribute__((target("avx2"))) std::size_t encode_base64_avx2(const unsigned char *in,
-                                                               std::size_t n, char *out) noexcept {
-    // Each group a b c is spread to the little-endian word b a c b, so that
-    // the four six-bit fields can be moved into place with two multiplies.
-    const __m256i spread = _mm256_setr_epi8(1, 0, 2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10, 1, 0,
-                                            2, 1, 4, 3, 5, 4, 7, 6, 8, 7, 10, 9, 11, 10);
-    const __m128i offsets128 =
-        _mm_loadu_si128(reinterpret_cast<const __m128i *>(base64_class_offsets.data()));
-    const __m256i offsets = _mm256_broadcastsi128_si256(offsets128);
-    std::size_t i = 0;
-    for (; i + 28 <= n; i += 24, out += 32) {
-        const __m128i low = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i));
-        const __m128i high = _mm_loadu_si128(reinterpret_cast<const __m128i *>(in + i + 12));
-        __m256i v = _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
-        v = _mm256_shuffle_epi8(v, spread);
-        const __m256i first_third = _mm256_mulhi_epu16(
-            _mm256_and_si256(v, _mm256_set1_epi32(0x0FC0FC00)), _mm256_set1_epi32(0x04000040));
-        const __m256i second_fourth = _mm256_mullo_epi16(
-            _mm256_and_si256(v, _mm256_set1_epi32(0x003F03F0)), _mm256_set1_epi32(0x01000010));
-        const __m256i index = _mm256_or_si256(first_third, second_fourth);
-        __m256i cls = _mm256_subs_epu8(index, _mm256_set1_epi8(51));
-        const __m256i below26 = _mm256_cmpgt_epi8(_mm256_set1_epi8(26), index);
-        cls = _mm256_or_si256(cls, _mm256_and_si256(below26, _mm256_set1_epi8(13)));
-        const __m256i chars = _mm256_add_epi8(index, _mm256_shuffle_epi8(offsets, cls));
-        _mm256_storeu_si256(reinterpret_cast<__m256i *>(out), chars);
-    }
-    return i;
-}
-
-// The value of each of 32 characters by the runs of an alphabet; known gets
-// all bits set in the bytes whose character is in one of the runs.
-template <std::size_t N>
-__attribute__((target("avx2"))) inline __m256i
-run_values(__m256i c, const std::array<char_run, N> &runs, __m256i &known) noexcept {
-    __m256i values = _mm256_setzero_si256();
-    known = _mm256_setzero_si256();
-    for (const char_run &run : runs) {
-        // c - first, taken unsigned, is below length exactly inside the run.
-        const __m256i t = _mm256_sub_epi8(c, _mm256_set1_epi8(static_cast<char>(run.first)));
-        const __m256i inside = _mm256_cmpeq_epi8(
-            _mm256_min_epu8(t, _mm256_set1_epi8(static_cast<char>(run.length - 1))), t);
-        const __m256i value = _mm256_add_epi8(t, _mm256_set1_epi8(static_cast<char>(run.value)));
-        values = _mm256_or_si256(values, _mm256_and_si256(inside, value));
-        known = _mm256_or_si256(known, inside);
-    }
-    return values;
-}
-
-// Thirty-two characters become twenty-four bytes per round, as long as all
-// of them are in the alphabet and the bytes fit in room; a round with any
-// other character is left to the caller, which meets the same characters
-// again. Returns the characters consumed (a multiple of 32).
-__attribute__((target("avx2"))) std::size_t
-decode_base64_avx2(const char *in, std::size_t n, unsigned char *out, std::size_t room) noexcept {
-    const __m256i gather = _mm256_setr_epi8(2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1,
-                                            2, 1, 0, 6, 5, 4, 10, 9, 8, 14, 13, 12, -1, -1, -1, -1);
-    const __m256i join = _mm256_setr_epi32(0, 1, 2, 4, 5, 6, 3, 7);
-    std::size_t i = 0;
-    std::size_t count = 0;
-    for (; i + 32 <= n && room - count >= 24; i += 32, count += 24) {
-        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(in + i));
-        __m256i known;
-        const __m256i values = run_values(c, base64_runs, known);
-        if (_mm256_movemask_epi8(known) != -1)
-            break;
-        // Pairs of six-bit values into twelve bits, pairs of those into
-        // twenty-four, then the three bytes of each word, most significant
-        // first.
-        const __m256i twelve = _mm256_maddubs_epi16(values, _mm256_set1_epi32(0x01400140));
-        const __m256i twenty_four = _mm256_madd_epi16(twelve, _mm256_set1_epi32(0x00011000));
-        const __m256i bytes =
-            _mm256_permutevar8x32_epi32(_mm256_shuffle_epi8(twenty_four, gather), join);
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + count), _mm256_castsi256_si128(bytes));
-        _mm_storel_epi64(reinterpret_cast<__m128i *>(out + count + 16),
-                         _mm256_extracti128_si256(bytes, 1));
-    }
-    return i;
-}
-
-#if QX_HEX_AVX2
-
-// Sixteen bytes from thirty-two hex digits per round, while at most `most`
-// bytes are stored; the caller has made sure that the text holds 2 * most
-// characters before its end. A round with anything but hex digits is left to
-// the caller, which stops at the same character. Returns the bytes stored (a
-// multiple of 16).
-__attribute__((target("avx2"))) std::size_t decode_hex_avx2(const char *in, unsigned char *out,
-                                                            std::size_t most) noexcept {
-    std::size_t count = 0;
-    for (; most - count >= 16; count += 16) {
-        const char *p = in + 2 * count;
-        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(p));
-        __m256i known;
-        const __m256i values = run_values(c, hex_runs, known);
-        if (_mm256_movemask_epi8(known) != -1)
-            break;
-        // High digit times sixteen plus low digit, then the sixteen-bit
-        // results narrowed to bytes and the two lanes' halves joined.
-        const __m256i pairs = _mm256_maddubs_epi16(values, _mm256_set1_epi16(0x0110));
-        const __m256i narrow =
-            _mm256_permute4x64_epi64(_mm256_packus_epi16(pairs, pairs), _MM_SHUFFLE(3, 1, 2, 0));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(out + count), _mm256_castsi256_si128(narrow));
-    }
-    return count;
-}
-
-#endif
-
-#endif
 
 // Two characters of an alphabet for a value of twice its bits.
 using char_pair = std::array<char, 2>;
@@ -299,13 +101,8 @@ constexpr base64_pair_table base64_pairs = make_base64_pairs();
 // Base64 of n bytes, padded, without line breaks; returns the end of the
 // characters written.
 char *encode_base64_plain(const unsigned char *in, std::size_t n, char *out) noexcept {
-    std::size_t i = 0;
-#if QX_CODEC_AVX2
-    if (n >= 28 && have_avx2()) {
-        i = encode_base64_avx2(in, n, out);
-        out += i / 3 * 4;
-    }
-#endif
+    std::size_t i = simd::encode_base64_groups(in, n, out);
+    out += i / 3 * 4;
     for (; i + 3 <= n; i += 3) {
         const std::uint32_t bits =
             (std::uint32_t{in[i]} << 16) | (std::uint32_t{in[i + 1]} << 8) | in[i + 2];
@@ -361,14 +158,10 @@ int decode_base64(const char *in, unsigned char *out, int outsize) noexcept {
     std::size_t count = 0;
     const std::size_t room = outsize < 0 ? SIZE_MAX : static_cast<std::size_t>(outsize);
     const char *p = in;
-#if QX_CODEC_AVX2
-    if (length >= 32 && room >= 24 && have_avx2()) {
-        const std::size_t consumed = decode_base64_avx2(p, length, out, room);
-        p += consumed;
-        length -= consumed;
-        count = consumed / 4 * 3;
-    }
-#endif
+    const std::size_t consumed = simd::decode_base64_groups(p, length, out, room);
+    p += consumed;
+    length -= consumed;
+    count = consumed / 4 * 3;
     // Four characters at a time while all four are in the alphabet and the
     // three bytes fit; whatever stops this goes to the exact loop below,
     // which starts on a group boundary with no bits held.
@@ -529,38 +322,15 @@ QX_API int hex_decode(const char *in, unsigned char *out, unsigned int outsize) 
     if (in == nullptr || static_cast<int>(outsize) < 2)
         return 0;
     const unsigned int most = outsize - 1;
-    unsigned int count = 0;
-#if QX_HEX_AVX2
-    // The wide loop reads whole rounds, so it is kept to the characters
-    // known to come before the text's end.
-    const unsigned int whole_pairs =
-        most >= 16 && have_avx2()
-            ? static_cast<unsigned int>(::strnlen(in, 2 * std::size_t{most}) / 2)
-            : 0;
-#endif
-    while (count < most) {
-#if QX_HEX_AVX2
-        if (count < whole_pairs) {
-            count += static_cast<unsigned int>(
-                decode_hex_avx2(in + 2 * std::size_t{count}, out + count, whole_pairs - count));
-            if (count == most)
-                break;
-        }
-#endif
-        // Pairs one by one: up to the digit that stopped the wide loop, or
-        // the last few before the end of the text.
-        const unsigned int stop = most - count > 16 ? count + 16 : most;
-        for (; count < stop; ++count) {
-            const std::uint8_t high = hex_value(in[2 * std::size_t{count}]);
-            if (high == no_value)
-                break;
-            const std::uint8_t low = hex_value(in[2 * std::size_t{count} + 1]);
-            if (low == no_value)
-                break;
-            out[count] = static_cast<unsigned char>(high << 4 | low);
-        }
-        if (count < stop)
+    auto count = static_cast<unsigned int>(simd::decode_hex_pairs(in, out, most));
+    for (; count < most; ++count) {
+        const std::uint8_t high = hex_value(in[2 * std::size_t{count}]);
+        if (high == no_value)
             break;
+        const std::uint8_t low = hex_value(in[2 * std::size_t{count} + 1]);
+        if (low == no_value)
+            break;
+        out[count] = static_cast<unsigned char>(high << 4 | low);
     }
     // The NUL after the last byte; nothing at all when no pair was valid.
     if (count > 0)

@@ -9,138 +9,22 @@
 #include <string_view>
 
 #include "internal/codec_tables.hpp"
-#include "internal/cpu_features.hpp"
 #include "internal/guards.hpp"
+#include "internal/simd.hpp"
 #include "internal/strbuf_growth.hpp"
 #include "qxcommon-util/codec.h"
 #include "qxcommon-util/strbuf_format.h"
 
-#if defined(QX_HAVE_X86_DISPATCH) && (defined(__GNUC__) || defined(__clang__))
-#include <immintrin.h>
-#define QX_ESCAPE_AVX2 1
-#else
-#define QX_ESCAPE_AVX2 0
-#endif
-
 namespace qx::detail {
 
 namespace {
-
-// The characters that URL encoding leaves as they are: letters, digits and
-// "-._~" (the unreserved set of URIs).
-constexpr std::array<bool, 256> make_unreserved_table() noexcept {
-    std::array<bool, 256> table{};
-    for (const std::string_view chars :
-         {std::string_view{base64_alphabet.data(), 62}, std::string_view{"-._~"}})
-        for (const char c : chars)
-            table[static_cast<unsigned char>(c)] = true;
-    return table;
-}
-
-constexpr std::array<bool, 256> url_unreserved = make_unreserved_table();
-
-// Writes the percent-encoded form of the NUL-terminated source at out and
-// returns the bytes written.
-// "%" and the two lower-case hex digits of every byte, and a fourth byte so
-// that one four-byte store writes them.
-using percent_form = std::array<char, 4>;
-
-constexpr std::array<percent_form, 256> make_percent_forms() noexcept {
-    std::array<percent_form, 256> forms{};
-    for (std::size_t c = 0; c < forms.size(); ++c)
-        forms[c] = {'%', hex_digits_lower[c >> 4], hex_digits_lower[c & 0x0FU], '\0'};
-    return forms;
-}
-
-constexpr std::array<percent_form, 256> percent_forms = make_percent_forms();
-
-// One byte of the percent encoding at o; returns the new end.
-inline char *percent_encode_byte(unsigned char c, char *o) noexcept {
-    if (url_unreserved[c]) {
-        *o = static_cast<char>(c);
-        return o + 1;
-    }
-    // The fourth byte lands where the next output (or the final NUL) goes.
-    std::memcpy(o, percent_forms[c].data(), 4);
-    return o + 3;
-}
-
-#if QX_ESCAPE_AVX2
-
-// A run of consecutive unreserved bytes: first to first + length - 1.
-struct byte_run {
-    unsigned char first = 0;
-    unsigned char length = 0;
-};
-
-constexpr std::size_t unreserved_run_count() noexcept {
-    std::size_t runs = 0;
-    for (std::size_t c = 0; c < 256; ++c)
-        if (url_unreserved[c] && (c == 0 || !url_unreserved[c - 1]))
-            ++runs;
-    return runs;
-}
-
-constexpr std::array<byte_run, unreserved_run_count()> make_unreserved_runs() noexcept {
-    std::array<byte_run, unreserved_run_count()> runs{};
-    std::size_t r = 0;
-    for (std::size_t c = 0; c < 256; ++c) {
-        if (!url_unreserved[c])
-            continue;
-        if (c > 0 && url_unreserved[c - 1])
-            ++runs[r - 1].length;
-        else
-            runs[r++] = {static_cast<unsigned char>(c), 1};
-    }
-    return runs;
-}
-
-constexpr auto unreserved_runs = make_unreserved_runs();
-
-// Encodes the whole 32-byte blocks of the n bytes of source: a block of
-// unreserved bytes only is copied with one store, any other goes byte by
-// byte. Returns the bytes of source consumed; *end receives the end of the
-// output. Every store writes output bytes only, so the room for the encoded
-// form is room for every store.
-__attribute__((target("avx2"))) std::size_t percent_encode_avx2(const char *source, std::size_t n,
-                                                                char *out, char **end) noexcept {
-    std::size_t i = 0;
-    char *o = out;
-    for (; n - i >= 32; i += 32) {
-        const __m256i c = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(source + i));
-        __m256i plain = _mm256_setzero_si256();
-        for (const byte_run &run : unreserved_runs) {
-            // c - first, taken unsigned, is below length exactly inside the run.
-            const __m256i t = _mm256_sub_epi8(c, _mm256_set1_epi8(static_cast<char>(run.first)));
-            plain = _mm256_or_si256(
-                plain,
-                _mm256_cmpeq_epi8(
-                    _mm256_min_epu8(t, _mm256_set1_epi8(static_cast<char>(run.length - 1))), t));
-        }
-        if (_mm256_movemask_epi8(plain) == -1) {
-            _mm256_storeu_si256(reinterpret_cast<__m256i *>(o), c);
-            o += 32;
-            continue;
-        }
-        for (std::size_t k = i; k < i + 32; ++k)
-            o = percent_encode_byte(static_cast<unsigned char>(source[k]), o);
-    }
-    *end = o;
-    return i;
-}
-
-#endif
 
 // Writes the percent-encoded form of the n bytes of source (which end with a
 // NUL and hold no other) at out and returns the bytes written. out has room
 // for them and one more; nothing is stored beyond them.
 std::size_t percent_encode(const char *source, std::size_t n, char *out) noexcept {
     char *o = out;
-    std::size_t i = 0;
-#if QX_ESCAPE_AVX2
-    if (n >= 32 && have_avx2())
-        i = percent_encode_avx2(source, n, out, &o);
-#endif
+    std::size_t i = simd::percent_encode_blocks(source, n, out, &o);
     for (; i < n; ++i)
         o = percent_encode_byte(static_cast<unsigned char>(source[i]), o);
     return static_cast<std::size_t>(o - out);

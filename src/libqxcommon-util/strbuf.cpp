@@ -24,42 +24,6 @@ int reallocate(strbuf *sb, std::size_t newsize) noexcept {
     return 0;
 }
 
-// Copies count bytes, width <= count <= 2 * width, as one chunk from the
-// front and one from the back, which overlap unless count is twice the width.
-// Both loads come first; only bytes of the source range are read.
-template <std::size_t width>
-inline void copy_front_and_back(char *to, const char *from, std::size_t count) noexcept {
-    unsigned char head[width];
-    unsigned char tail[width];
-    std::memcpy(head, from, width);
-    std::memcpy(tail, from + count - width, width);
-    std::memcpy(to, head, width);
-    std::memcpy(to + count - width, tail, width);
-}
-
-// Copies count bytes, as memcpy does. Up to 32 bytes, the usual size of an
-// appended word or field, the copy is done here in two loads and two stores:
-// for such sizes the call to memcpy costs more than the copy itself.
-inline void copy_bytes(char *to, const char *from, std::size_t count) noexcept {
-    if (count > 32) {
-        std::memcpy(to, from, count);
-    } else if (count >= 16) {
-        copy_front_and_back<16>(to, from, count);
-    } else if (count >= 8) {
-        copy_front_and_back<8>(to, from, count);
-    } else if (count >= 4) {
-        copy_front_and_back<4>(to, from, count);
-    } else if (count > 0) {
-        // One to three bytes: the first, the middle and the last cover them.
-        const char first = from[0];
-        const char middle = from[count / 2];
-        const char last = from[count - 1];
-        to[0] = first;
-        to[count / 2] = middle;
-        to[count - 1] = last;
-    }
-}
-
 } // namespace
 
 int strbuf_reserve(strbuf *sb, std::size_t n) noexcept {
@@ -91,7 +55,6 @@ void strbuf_move(strbuf *to, strbuf *from) noexcept {
 
 } // namespace qx::detail
 
-using qx::detail::copy_bytes;
 using qx::detail::strbuf_reserve;
 
 extern "C" {
@@ -108,7 +71,7 @@ QX_API int strbuf_append(strbuf *sb, const char *str) {
         if (strbuf_reserve(sb, n) != 0)
             return -1;
     }
-    copy_bytes(sb->text + length, str, n + 1);
+    std::memcpy(sb->text + length, str, n + 1);
     sb->length = length + n;
     return 0;
 }
@@ -118,7 +81,7 @@ QX_API int strbuf_nappend(strbuf *sb, const void *data, size_t n) {
         return -1;
     if (strbuf_reserve(sb, n) != 0)
         return -1;
-    copy_bytes(sb->text + sb->length, static_cast<const char *>(data), n);
+    std::memcpy(sb->text + sb->length, data, n);
     sb->length += n;
     sb->text[sb->length] = '\0';
     return 0;

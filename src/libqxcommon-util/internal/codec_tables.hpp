@@ -6,6 +6,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 namespace qx::detail {
@@ -79,6 +80,43 @@ constexpr int encode_base64_group(const Alphabet &alphabet, const unsigned char 
     for (int i = 0; i < characters; ++i)
         emit(alphabet[(bits >> (18 - 6 * i)) & 0x3FU]);
     return characters;
+}
+
+// The characters that URL encoding leaves as they are: letters, digits and
+// "-._~" (the unreserved set of URIs).
+constexpr std::array<bool, 256> make_unreserved_table() noexcept {
+    std::array<bool, 256> table{};
+    for (const std::string_view chars :
+         {std::string_view{base64_alphabet.data(), 62}, std::string_view{"-._~"}})
+        for (const char c : chars)
+            table[static_cast<unsigned char>(c)] = true;
+    return table;
+}
+
+inline constexpr std::array<bool, 256> url_unreserved = make_unreserved_table();
+
+// "%" and the two lower-case hex digits of every byte, and a fourth byte so
+// that one four-byte store writes them.
+using percent_form = std::array<char, 4>;
+
+constexpr std::array<percent_form, 256> make_percent_forms() noexcept {
+    std::array<percent_form, 256> forms{};
+    for (std::size_t c = 0; c < forms.size(); ++c)
+        forms[c] = {'%', hex_digits_lower[c >> 4], hex_digits_lower[c & 0x0FU], '\0'};
+    return forms;
+}
+
+inline constexpr std::array<percent_form, 256> percent_forms = make_percent_forms();
+
+// One byte of the percent encoding at o; returns the new end.
+inline char *percent_encode_byte(unsigned char c, char *o) noexcept {
+    if (url_unreserved[c]) {
+        *o = static_cast<char>(c);
+        return o + 1;
+    }
+    // The fourth byte lands where the next output (or the final NUL) goes.
+    std::memcpy(o, percent_forms[c].data(), 4);
+    return o + 3;
 }
 
 } // namespace qx::detail
