@@ -1532,12 +1532,17 @@ TEST_F(ForkAndExec, StartsTheCommandUnderATightAddressSpaceLimit) {
         tight.rlim_cur = static_cast<rlim_t>(in_use + 16 * 1024);
         if (in_use == 0 || setrlimit(RLIMIT_AS, &tight) != 0)
             _exit(2);
+        // errno as the caller left it survives the calls that succeed.
+        errno = EDOM;
+        const int plain_succeeds = forkandexec(succeeds.argv(), nullptr, nullptr);
+        const int plain_fails = forkandexec(fails.argv(), nullptr, nullptr);
+        const int ex_succeeds = forkandexec_ex_with_to(succeeds.argv(), 5, nullptr, nullptr);
+        const int ex_fails = forkandexec_ex(fails.argv(), nullptr, nullptr);
+        const bool errno_kept = errno == EDOM;
         char line[64];
-        const int length = std::snprintf(
-            line, sizeof line, "%d %d %d %d", forkandexec(succeeds.argv(), nullptr, nullptr),
-            forkandexec(fails.argv(), nullptr, nullptr),
-            forkandexec_ex_with_to(succeeds.argv(), 5, nullptr, nullptr),
-            forkandexec_ex(fails.argv(), nullptr, nullptr));
+        const int length =
+            std::snprintf(line, sizeof line, "%d %d %d %d %s", plain_succeeds, plain_fails,
+                          ex_succeeds, ex_fails, errno_kept ? "errno kept" : "errno changed");
         (void)!write(results[1], line, static_cast<std::size_t>(length));
         _exit(0);
     }
@@ -1547,7 +1552,7 @@ TEST_F(ForkAndExec, StartsTheCommandUnderATightAddressSpaceLimit) {
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(line, "0 1 0 1");
+    EXPECT_EQ(line, "0 1 0 1 errno kept");
 }
 
 // ---- thirty seconds of silence ------------------------------------------------

@@ -180,14 +180,15 @@ QX_CHILD_CODE __attribute__((noinline)) pid_t start_on_callers_stack(command_pla
 // blocked around the start so that no handler runs in the child before it
 // has reset them.
 pid_t start_command(command_plan &plan) noexcept {
+    // The child runs with our thread's errno; what its failing calls leave
+    // there is not the caller's business, nor is a stack that could not be
+    // mapped.
+    const int caller_errno = errno;
     child_stack stack;
     sigset_t everything;
     sigset_t before;
     sigfillset(&everything);
     ::sigprocmask(SIG_SETMASK, &everything, &before);
-    // The child runs with our thread's errno; what its failing calls leave
-    // there is not the caller's business.
-    const int caller_errno = errno;
     const pid_t pid = stack ? ::clone(become_command, stack.top(),
                                       CLONE_VM | CLONE_VFORK | SIGCHLD, &plan)
                             : start_on_callers_stack(&plan);
