@@ -1,7 +1,8 @@
 # The process suite can make the start of a child process fail.
 if(TARGET forkandexec_test)
     target_sources(forkandexec_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/start_fail.cpp)
-    # The tests that need thirty seconds of silence skip themselves unless QX_SLOW_TESTS is set; they run here on
+    # The tests that need thirty seconds of silence, or many calls from
+    # several threads, skip themselves unless QX_SLOW_TESTS is set; they run here on
     # their own, labelled slow, with room for the sanitizer build.
     function(qx_add_slow_forkandexec_test name gtest_name)
         add_test(NAME forkandexec.slow.${name}
@@ -13,4 +14,6 @@ if(TARGET forkandexec_test)
         SilentCommandIsGivenThirtySecondsBeforeItsLimitStarts)
     qx_add_slow_forkandexec_test(command_writing_after_silence_is_not_left_blocked
         ACommandThatWritesAfterThirtySecondsOfSilenceIsNotLeftBlocked)
+    qx_add_slow_forkandexec_test(four_threads_of_300_mixed_calls
+        FourThreadsOf300MixedCallsNeitherHangNorLoseOutput)
 endif()
