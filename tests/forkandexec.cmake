@@ -1,12 +1,19 @@
 # The process suite can make the start of a child process fail.
 if(TARGET forkandexec_test)
     target_sources(forkandexec_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/start_fail.cpp)
-    # The one test that needs thirty seconds of silence skips itself unless
-    # QX_SLOW_TESTS is set; it runs here on its own, labelled slow, with room
-    # for the sanitizer build.
-    add_test(NAME forkandexec.slow.silent_command_gets_thirty_seconds_before_its_limit
-        COMMAND forkandexec_test
-            --gtest_filter=ForkAndExecSlow.SilentCommandIsGivenThirtySecondsBeforeItsLimitStarts)
-    set_tests_properties(forkandexec.slow.silent_command_gets_thirty_seconds_before_its_limit
-        PROPERTIES LABELS slow TIMEOUT 300 ENVIRONMENT QX_SLOW_TESTS=1)
+    # The tests that need thirty seconds of silence, or many calls from
+    # several threads, skip themselves unless QX_SLOW_TESTS is set; they run here on
+    # their own, labelled slow, with room for the sanitizer build.
+    function(qx_add_slow_forkandexec_test name gtest_name)
+        add_test(NAME forkandexec.slow.${name}
+            COMMAND forkandexec_test --gtest_filter=ForkAndExecSlow.${gtest_name})
+        set_tests_properties(forkandexec.slow.${name}
+            PROPERTIES LABELS slow TIMEOUT 600 ENVIRONMENT QX_SLOW_TESTS=1)
+    endfunction()
+    qx_add_slow_forkandexec_test(silent_command_gets_thirty_seconds_before_its_limit
+        SilentCommandIsGivenThirtySecondsBeforeItsLimitStarts)
+    qx_add_slow_forkandexec_test(command_writing_after_silence_is_not_left_blocked
+        ACommandThatWritesAfterThirtySecondsOfSilenceIsNotLeftBlocked)
+    qx_add_slow_forkandexec_test(four_threads_of_300_mixed_calls
+        FourThreadsOf300MixedCallsNeitherHangNorLoseOutput)
 endif()

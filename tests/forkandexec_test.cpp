@@ -4,17 +4,24 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
+#include <functional>
+#include <latch>
 #include <malloc.h>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -24,6 +31,7 @@
 #include <vector>
 
 #include "qxcommon-util/forkandexec.h"
+#include "qxcommon-util/process.h"
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
 #include "support/start_fail.hpp"
@@ -220,6 +228,73 @@ class signal_disposition {
 };
 
 void ignoring_handler(int) {}
+
+// Turns a hang into a failure: unless it is destroyed within `seconds`, it
+// runs `on_expiry`, which by default ends the test program with a message
+// (a deadlock cannot be undone from outside).
+class watchdog {
+  public:
+    explicit watchdog(int seconds, std::function<void()> on_expiry = abort_test)
+        : on_expiry_(std::move(on_expiry)), thread_([this, seconds] { watch(seconds); }) {}
+    ~watchdog() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            done_ = true;
+        }
+        woken_.notify_all();
+        thread_.join();
+    }
+    watchdog(const watchdog &) = delete;
+    watchdog &operator=(const watchdog &) = delete;
+
+    bool expired() const { return expired_.load(); }
+
+  private:
+    static void abort_test() {
+        std::fputs("watchdog: the test hung; ending it\n", stderr);
+        std::abort();
+    }
+
+    void watch(int seconds) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (woken_.wait_for(lock, std::chrono::seconds(seconds), [this] { return done_; }))
+            return;
+        expired_.store(true);
+        on_expiry_();
+    }
+
+    std::function<void()> on_expiry_;
+    std::mutex mutex_;
+    std::condition_variable woken_;
+    bool done_ = false;
+    std::atomic<bool> expired_{false};
+    std::thread thread_;
+};
+
+// Whether a child of this process has ended and waits to be reaped; it is
+// left as it is.
+bool a_zombie_child_is_left() {
+    siginfo_t info{};
+    if (waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0)
+        return false; // no child at all
+    return info.si_pid != 0;
+}
+
+// Waits up to ten seconds for a file to have content.
+bool wait_for_file(const std::string &path) {
+    for (int tries = 0; tries < 100; ++tries) {
+        std::ifstream in(path);
+        std::string line;
+        if (std::getline(in, line) && !line.empty())
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return false;
+}
+
+bool slow_tests_enabled() {
+    return std::getenv("QX_SLOW_TESTS") != nullptr;
+}
 
 // Every test runs with a caller's mask that blocks SIGUSR2, and with a
 // standard input of its own: a pipe holding "pending" whose write end stays
@@ -678,9 +753,10 @@ TEST_F(ForkAndExec, AChildThatCannotBeWaitedForWithATimeLimitGivesMinusOne) {
 
 // ---- plain family: time limit -------------------------------------------------
 
-TEST_F(ForkAndExec, TimeLimitStartsWhenACommandClosesItsOutputEarly) {
-    // Standard output and the inherited copies of the write end are all
-    // closed, so collection ends at once although the command keeps running.
+TEST_F(ForkAndExec, TimeLimitStartsOnceTheCommandHasClosedEveryDescriptorOfItsPipe) {
+    // Collection ends once the command has closed every descriptor of the
+    // pipe that it holds: standard output and the inherited copy of the
+    // write end. Then the limit starts although the command keeps running.
     const std::string pidfile = dir_.file("child.pid");
     command cmd({"pidfile", pidfile, "out", "early", "close-stdout", "close-extra", "sleep", "60"});
     char *out = nullptr;
@@ -696,6 +772,22 @@ TEST_F(ForkAndExec, TimeLimitStartsWhenACommandClosesItsOutputEarly) {
     expect_one_timeout_warning(cmd.program(), pid);
     EXPECT_EQ(process_state(pid), '\0') << "the killed child was not reaped";
     EXPECT_TRUE(descriptors_unchanged());
+}
+
+TEST_F(ForkAndExec, ClosingStandardOutputAloneDoesNotEndCollection) {
+    // The command still holds the pipe's write end as an extra descriptor,
+    // so collection goes on until it ends, and its limit never starts.
+    command cmd({"out", "early", "close-stdout", "sleep", "2", "exit", "7"});
+    char *out = nullptr;
+    std::size_t len = 0;
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(forkandexec_with_to(cmd.argv(), 1, &out, &len), 7);
+    const seconds_d elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed.count(), 2.0);
+    ASSERT_NE(out, nullptr);
+    EXPECT_EQ(std::string(out, len), "early");
+    std::free(out);
+    EXPECT_TRUE(syslog_is_empty());
 }
 
 TEST_F(ForkAndExec, TimeLimitKillsTheWholeProcessGroup) {
@@ -1119,6 +1211,366 @@ TEST(ForkAndExecDeathTest, AChildWhoseExecFailsEndsItselfWithoutTheCallersExitHa
     EXPECT_EQ(std::count(exits.begin(), exits.end(), '\n'), 2) << exits;
 }
 
+// ---- descriptors and threads ----------------------------------------------------
+
+// Everything a pipe-family child sends, until it closes its output.
+std::string read_all_of(int fd) {
+    std::string all;
+    char piece[4096];
+    for (;;) {
+        const ssize_t n = read(fd, piece, sizeof piece);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return all;
+        all.append(piece, static_cast<std::size_t>(n));
+    }
+}
+
+// The descriptors of a program that another thread starts (through the pipe
+// family) while the command runs: a line as the `fds` action writes it.
+std::string descriptors_of_a_program_started_meanwhile(const std::string &pidfile) {
+    if (!wait_for_file(pidfile))
+        return "the command did not start";
+    command list({"fds"});
+    process *proc = process_open(list.argv(), "r");
+    if (proc == nullptr)
+        return "process_open failed";
+    std::string line = read_all_of(process_read_fd(proc));
+    process_close(proc, nullptr, 1);
+    return line;
+}
+
+TEST_F(ForkAndExec, AProgramStartedByAnotherThreadMeanwhileInheritsNoPipeEndOfTheCall) {
+    // What a program started now would hold: the test's own descriptors
+    // without close-on-exec, the pipe's write end as its standard output.
+    std::set<int> expected_meanwhile = inheritable_descriptors();
+    expected_meanwhile.insert({0, 1, 2});
+    watchdog guard(100);
+    for (const bool plain : {true, false}) {
+        SCOPED_TRACE(plain ? "forkandexec" : "forkandexec_ex");
+        const std::string pidfile = dir_.file(plain ? "plain.pid" : "ex.pid");
+        // The call's own command still sees exactly what it always inherits:
+        // the /dev/null descriptor and every pipe write end.
+        const std::vector<int> pipe_fds = lowest_free_descriptors(plain ? 2 : 4);
+        std::set<int> expected_in_command = inheritable_descriptors();
+        expected_in_command.insert({0, 1, 2, pipe_fds[0], pipe_fds[1]});
+        if (!plain)
+            expected_in_command.insert(pipe_fds[3]);
+        command cmd({"fds", "pidfile", pidfile, "sleep", "2"});
+        std::string meanwhile;
+        std::thread other([&] { meanwhile = descriptors_of_a_program_started_meanwhile(pidfile); });
+        std::string own;
+        if (plain) {
+            char *out = nullptr;
+            std::size_t len = 0;
+            EXPECT_EQ(forkandexec(cmd.argv(), &out, &len), 0);
+            own = out != nullptr ? std::string(out, len) : "";
+            std::free(out);
+        } else {
+            strbuf out{};
+            EXPECT_EQ(forkandexec_ex_with_to(cmd.argv(), 5, &out, nullptr), 0);
+            own = out.text != nullptr ? std::string(out.text, out.length) : "";
+            strbuf_free(&out);
+        }
+        other.join();
+        EXPECT_EQ(meanwhile, as_fds_line(expected_meanwhile));
+        EXPECT_EQ(own, as_fds_line(expected_in_command));
+    }
+}
+
+// Counts what went wrong in the mixed load of several threads.
+struct mixed_load_faults {
+    std::atomic<int> wrong_status{0};
+    std::atomic<int> incomplete_output{0};
+    std::atomic<int> failed_round_trips{0};
+};
+
+// A round trip through a pipe-family child that echoes a line.
+bool round_trip(char **echo, int number) {
+    process *proc = process_open(echo, "rw");
+    if (proc == nullptr)
+        return false;
+    const std::string question = "question " + std::to_string(number);
+    char answer[64] = {};
+    bool answered =
+        process_puts(proc, question.c_str(), static_cast<int>(question.size())) == 0 &&
+        process_gets(proc, answer, sizeof answer) == static_cast<int>(question.size()) &&
+        question == answer;
+    int code = -1;
+    if (process_close(proc, &code, 1) <= 0 || code != 0)
+        answered = false;
+    return answered;
+}
+
+// Round trips follow each other closely enough that two threads' opens
+// overlap now and then.
+constexpr int round_trips_per_call = 3;
+
+// One thread's share: `calls` times forkandexec_ex_with_to of a command
+// that writes 20 lines, each after three pipe round trips.
+void run_mixed_load(int calls, mixed_load_faults &faults, std::latch &start) {
+    std::vector<std::string> actions;
+    std::string expected;
+    for (int line = 0; line < 20; ++line) {
+        actions.push_back("out");
+        actions.push_back("line " + std::to_string(line) + "\\n");
+        expected += "line " + std::to_string(line) + "\n";
+    }
+    command lines(actions);
+    command echo({"echo"});
+    start.arrive_and_wait(); // all threads begin together
+    for (int i = 0; i < calls; ++i) {
+        for (int trip = 0; trip < round_trips_per_call; ++trip)
+            if (!round_trip(echo.argv(), i))
+                ++faults.failed_round_trips;
+        strbuf out{};
+        strbuf err{};
+        if (forkandexec_ex_with_to(lines.argv(), 5, &out, &err) != 0)
+            ++faults.wrong_status;
+        if (out.text == nullptr || std::string(out.text, out.length) != expected)
+            ++faults.incomplete_output;
+        strbuf_free(&out);
+        strbuf_free(&err);
+    }
+}
+
+void expect_four_threads_of_mixed_load_to_run_cleanly(int calls_per_thread, int seconds) {
+    mixed_load_faults faults;
+    {
+        watchdog guard(seconds);
+        std::latch start(4);
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back(run_mixed_load, calls_per_thread, std::ref(faults),
+                                 std::ref(start));
+        for (auto &thread : threads)
+            thread.join();
+    }
+    EXPECT_EQ(faults.wrong_status.load(), 0);
+    EXPECT_EQ(faults.incomplete_output.load(), 0);
+    EXPECT_EQ(faults.failed_round_trips.load(), 0);
+    EXPECT_FALSE(a_zombie_child_is_left());
+    errno = 0;
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "a child is still running";
+    EXPECT_EQ(errno, ECHILD);
+}
+
+using ForkAndExecThreads = ForkAndExec;
+
+TEST_F(ForkAndExecThreads, FourThreadsOf30MixedCallsNeitherHangNorLoseOutput) {
+    expect_four_threads_of_mixed_load_to_run_cleanly(30, 100);
+}
+
+TEST_F(ForkAndExecSlow, FourThreadsOf300MixedCallsNeitherHangNorLoseOutput) {
+    if (!slow_tests_enabled())
+        GTEST_SKIP() << "runs as its own CTest test, labelled slow";
+    expect_four_threads_of_mixed_load_to_run_cleanly(300, 550);
+}
+
+// ---- a caller's signal handler --------------------------------------------------
+
+std::atomic<long> alarms_caught{0};
+
+void count_alarm(int) {
+    ++alarms_caught;
+}
+
+// SIGALRM every millisecond, caught by a handler installed without
+// SA_RESTART, for the whole test: every wait of a call is interrupted again
+// and again.
+class ForkAndExecSignals : public ForkAndExec {
+  protected:
+    void SetUp() override {
+        ForkAndExec::SetUp();
+        struct sigaction action {};
+        action.sa_handler = count_alarm;
+        sigemptyset(&action.sa_mask);
+        action.sa_flags = 0;
+        sigaction(SIGALRM, &action, &saved_action_);
+        alarms_caught = 0;
+        const itimerval every_millisecond{{0, 1000}, {0, 1000}};
+        setitimer(ITIMER_REAL, &every_millisecond, nullptr);
+    }
+
+    void TearDown() override {
+        const itimerval off{};
+        setitimer(ITIMER_REAL, &off, nullptr);
+        sigaction(SIGALRM, &saved_action_, nullptr);
+        EXPECT_GT(alarms_caught.load(), 10) << "the calls were hardly interrupted";
+        ForkAndExec::TearDown();
+    }
+
+  private:
+    struct sigaction saved_action_ {};
+};
+
+TEST_F(ForkAndExecSignals, EveryCallCollectsTheWholeOutput) {
+    watchdog guard(100);
+    command cmd({"outn", "2000000", "exit", "4"});
+    const std::string expected = alphabet_pattern(2000000);
+    for (const int limit : {0, 30}) {
+        SCOPED_TRACE(limit);
+        char *out = nullptr;
+        std::size_t len = 0;
+        EXPECT_EQ(limit == 0 ? forkandexec(cmd.argv(), &out, &len)
+                             : forkandexec_with_to(cmd.argv(), limit, &out, &len),
+                  4);
+        EXPECT_EQ(len, expected.size());
+        EXPECT_TRUE(out != nullptr && std::string(out, len) == expected);
+        std::free(out);
+        strbuf text{};
+        EXPECT_EQ(limit == 0 ? forkandexec_ex(cmd.argv(), &text, nullptr)
+                             : forkandexec_ex_with_to(cmd.argv(), limit, &text, nullptr),
+                  4);
+        EXPECT_EQ(text.length, expected.size());
+        EXPECT_TRUE(text.text != nullptr && std::string(text.text, text.length) == expected);
+        strbuf_free(&text);
+    }
+    EXPECT_FALSE(a_zombie_child_is_left());
+}
+
+TEST_F(ForkAndExecSignals, EveryCallReportsTheExitStatusAndLeavesNoZombie) {
+    // Collection ends at once; the waits are what the signals interrupt.
+    watchdog guard(100);
+    command cmd({"close-stdout", "close-stderr", "close-extra", "sleep", "0.5", "exit", "3"});
+    EXPECT_EQ(forkandexec(cmd.argv(), nullptr, nullptr), 3);
+    EXPECT_FALSE(a_zombie_child_is_left());
+    EXPECT_EQ(forkandexec_with_to(cmd.argv(), 5, nullptr, nullptr), 3);
+    EXPECT_FALSE(a_zombie_child_is_left());
+    EXPECT_EQ(forkandexec_ex(cmd.argv(), nullptr, nullptr), 3);
+    EXPECT_FALSE(a_zombie_child_is_left());
+    EXPECT_EQ(forkandexec_ex_with_to(cmd.argv(), 5, nullptr, nullptr), 3);
+    EXPECT_FALSE(a_zombie_child_is_left());
+    EXPECT_TRUE(syslog_is_empty());
+}
+
+TEST_F(ForkAndExecSignals, ATimeLimitIsNeitherCutShortNorStretched) {
+    watchdog guard(100);
+    command finishing({"close-stdout", "close-stderr", "close-extra", "sleep", "2", "exit", "0"});
+    for (const bool plain : {true, false}) {
+        SCOPED_TRACE(plain ? "forkandexec_with_to" : "forkandexec_ex_with_to");
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(plain ? forkandexec_with_to(finishing.argv(), 6, nullptr, nullptr)
+                        : forkandexec_ex_with_to(finishing.argv(), 6, nullptr, nullptr),
+                  0);
+        const seconds_d elapsed = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(elapsed.count(), 2.0);
+        EXPECT_LT(elapsed.count(), 4.0);
+    }
+    EXPECT_TRUE(syslog_is_empty());
+    for (const bool plain : {true, false}) {
+        SCOPED_TRACE(plain ? "forkandexec_with_to" : "forkandexec_ex_with_to");
+        qx_test::syslog_clear();
+        const std::string pidfile = dir_.file(plain ? "plain.pid" : "ex.pid");
+        command endless(
+            {"pidfile", pidfile, "close-stdout", "close-stderr", "close-extra", "sleep", "60"});
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(plain ? forkandexec_with_to(endless.argv(), 1, nullptr, nullptr)
+                        : forkandexec_ex_with_to(endless.argv(), 1, nullptr, nullptr),
+                  -1);
+        const seconds_d elapsed = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(elapsed.count(), 1.0);
+        EXPECT_LT(elapsed.count(), 5.0);
+        const pid_t pid = pid_from_file(pidfile);
+        expect_one_timeout_warning(endless.program(), pid);
+        EXPECT_EQ(process_state(pid), '\0');
+    }
+}
+
+// ---- waiting with a time limit --------------------------------------------------
+
+TEST_F(ForkAndExecEx, QuickCommandsUnderATimeLimitAreReturnedAtOnce) {
+    // A command that ends at once with status 0.
+    command quick({});
+    double slowest = 0;
+    for (int call = 0; call < 50; ++call) {
+        strbuf out{};
+        strbuf err{};
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(forkandexec_ex_with_to(quick.argv(), 5, &out, &err), 0);
+        const seconds_d elapsed = std::chrono::steady_clock::now() - start;
+        slowest = std::max(slowest, elapsed.count());
+        strbuf_free(&out);
+        strbuf_free(&err);
+    }
+    EXPECT_LT(slowest, 0.5);
+}
+
+// ---- failures while collecting and starting ---------------------------------------
+
+TEST_F(ForkAndExecEx, AFailedAppendEndsCollectionSoTheOutputHasNoHole) {
+    command warm_up({"out", "x"});
+    strbuf warm{};
+    forkandexec_ex(warm_up.argv(), &warm, nullptr);
+    strbuf_free(&warm);
+    // "first" takes the buffer's first block; the 3000 bytes after it need
+    // it to grow, and that growth fails; "third" would fit again.
+    command cmd({"out", "first", "sleep", "1", "outn", "3000", "sleep", "1", "out", "third"});
+    strbuf out{};
+    const int status = qx_test::call_with_failing_allocation(
+        1, [&] { return forkandexec_ex(cmd.argv(), &out, nullptr); });
+    EXPECT_TRUE(qx_test::allocation_was_failed());
+    // The command, writing into a pipe nobody reads any more, ends by
+    // SIGPIPE, and a command ended by a signal gives 0.
+    EXPECT_EQ(status, 0);
+    ASSERT_NE(out.text, nullptr);
+    EXPECT_EQ(std::string(out.text, out.length), "first");
+    strbuf_free(&out);
+}
+
+// The address space in use now (VmSize), in bytes.
+unsigned long address_space_in_use() {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmSize:", 0) == 0)
+            return std::stoul(line.substr(7)) * 1024;
+    return 0;
+}
+
+TEST_F(ForkAndExec, StartsTheCommandUnderATightAddressSpaceLimit) {
+    if (qx_test::heap_bytes_available())
+        GTEST_SKIP() << "the sanitizer's runtime maps memory of its own at any time";
+    // In a child of the test, so that the limit binds nothing else: with
+    // room for 16 KiB more, a plain fork and exec still works.
+    command succeeds({"exit", "0"});
+    command fails({"exit", "1"});
+    int results[2];
+    ASSERT_EQ(pipe2(results, O_CLOEXEC), 0);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        close(results[0]);
+        const unsigned long in_use = address_space_in_use();
+        rlimit tight{};
+        getrlimit(RLIMIT_AS, &tight);
+        tight.rlim_cur = static_cast<rlim_t>(in_use + 16 * 1024);
+        if (in_use == 0 || setrlimit(RLIMIT_AS, &tight) != 0)
+            _exit(2);
+        // errno as the caller left it survives the calls that succeed.
+        errno = EDOM;
+        const int plain_succeeds = forkandexec(succeeds.argv(), nullptr, nullptr);
+        const int plain_fails = forkandexec(fails.argv(), nullptr, nullptr);
+        const int ex_succeeds = forkandexec_ex_with_to(succeeds.argv(), 5, nullptr, nullptr);
+        const int ex_fails = forkandexec_ex(fails.argv(), nullptr, nullptr);
+        const bool errno_kept = errno == EDOM;
+        char line[64];
+        const int length =
+            std::snprintf(line, sizeof line, "%d %d %d %d %s", plain_succeeds, plain_fails,
+                          ex_succeeds, ex_fails, errno_kept ? "errno kept" : "errno changed");
+        (void)!write(results[1], line, static_cast<std::size_t>(length));
+        _exit(0);
+    }
+    close(results[1]);
+    const std::string line = read_all_of(results[0]);
+    close(results[0]);
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(line, "0 1 0 1 errno kept");
+}
+
 // ---- thirty seconds of silence ------------------------------------------------
 
 TEST_F(ForkAndExecSlow, SilentCommandIsGivenThirtySecondsBeforeItsLimitStarts) {
@@ -1140,6 +1592,33 @@ TEST_F(ForkAndExecSlow, SilentCommandIsGivenThirtySecondsBeforeItsLimitStarts) {
     const pid_t pid = pid_from_file(pidfile);
     expect_one_timeout_warning(cmd.program(), pid);
     EXPECT_EQ(process_state(pid), '\0');
+    EXPECT_EQ(read_stdin(), "");
+}
+
+// ---- output after thirty seconds of silence ------------------------------------
+
+TEST_F(ForkAndExecSlow, ACommandThatWritesAfterThirtySecondsOfSilenceIsNotLeftBlocked) {
+    if (!slow_tests_enabled())
+        GTEST_SKIP() << "runs as its own CTest test, labelled slow";
+    // Collection gives up after 30 seconds of silence; the megabyte that
+    // follows must not block the command for ever on a pipe nobody reads.
+    const std::string pidfile = dir_.file("child.pid");
+    command cmd({"pidfile", pidfile, "sleep", "31", "outn", "1000000", "exit", "5"});
+    char *out = nullptr;
+    std::size_t len = 0;
+    int status;
+    bool hung;
+    {
+        watchdog guard(90, [&] { kill(pid_from_file(pidfile), SIGKILL); });
+        status = forkandexec(cmd.argv(), &out, &len);
+        hung = guard.expired();
+    }
+    EXPECT_FALSE(hung) << "the call returned only once the command was killed";
+    // Writing into a pipe without reader ends the command by SIGPIPE, and a
+    // command ended by a signal gives 0.
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(out, nullptr);
+    EXPECT_EQ(len, 0U);
     EXPECT_EQ(read_stdin(), "");
 }
 

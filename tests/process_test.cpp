@@ -375,14 +375,14 @@ bool non_blocking(int fd) {
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
 
-TEST_F(Process, PlainOpenersMakePipesWithoutCloseOnExecOrNonBlocking) {
+TEST_F(Process, PlainOpenersMakeTheCallersEndsCloseOnExecButNotNonBlocking) {
     child_argv argv{"echo"};
     for (bool on_stderr : {false, true}) {
         process *proc =
             on_stderr ? process_open_stderr(argv.get(), "rw") : process_open(argv.get(), "rw");
         ASSERT_NE(proc, nullptr);
-        EXPECT_FALSE(close_on_exec(process_read_fd(proc)));
-        EXPECT_FALSE(close_on_exec(process_write_fd(proc)));
+        EXPECT_TRUE(close_on_exec(process_read_fd(proc)));
+        EXPECT_TRUE(close_on_exec(process_write_fd(proc)));
         EXPECT_FALSE(non_blocking(process_read_fd(proc)));
         EXPECT_FALSE(non_blocking(process_write_fd(proc)));
         close_expecting(proc, 0);
@@ -434,19 +434,19 @@ TEST_F(Process, NonBlockingAppliesToTheChildsEndOfThePipeToo) {
     EXPECT_TRUE(fds_.unchanged());
 }
 
-TEST_F(Process, PlainOpenersDescriptorsStayOpenInLaterChildrenAndFlaggedOnesDoNot) {
+TEST_F(Process, NoOpenersDescriptorsReachALaterChild) {
     child_argv quiet_echo{"echo"};
     child_argv list{"fds"};
     char buf[4096];
 
-    // Deliberate: the plain openers' pipes have no close-on-exec, so a child
-    // started later holds the earlier child's input open.
+    // A child started later must not hold the earlier child's input open,
+    // or that child would never see end of input.
     process *plain = process_open(quiet_echo.get(), "w");
     ASSERT_NE(plain, nullptr);
     process *lister = process_open(list.get(), "r");
     ASSERT_NE(lister, nullptr);
     ASSERT_GT(process_gets(lister, buf, sizeof buf), 0);
-    EXPECT_EQ(numbers_in(buf).count(process_write_fd(plain)), 1U) << buf;
+    EXPECT_EQ(numbers_in(buf).count(process_write_fd(plain)), 0U) << buf;
     EXPECT_EQ(numbers_in(buf).count(process_read_fd(lister)), 0U) << buf;
     close_expecting(lister, 0);
     close_expecting(plain, 0);

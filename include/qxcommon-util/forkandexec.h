@@ -46,8 +46,9 @@ QX_API int forkandexec(char **argv, char **out, size_t *outlen);
  * the block is resized with realloc for every chunk read, so it ends exactly
  * *outlen + 1 bytes long, NUL-terminated, NUL bytes of the output kept. With
  * no output at all *out is left as it was. The caller frees it.
- * Replaces the caller's standard input (descriptor 0) with the read end of
- * the output pipe, which reads end-of-file after the call. */
+ * Replaces the caller's standard input (descriptor 0), once output
+ * collection has ended, with the read end of an empty, finished pipe, which
+ * reads end-of-file after the call. */
 QX_API int forkandexec_with_to(char **argv, int timeout, char **out, size_t *outlen);
 
 /* forkandexec_ex_with_to(argv, 0, out, err). */

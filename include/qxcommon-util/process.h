@@ -7,9 +7,10 @@
  * pipes at all.
  *
  * Every open function blocks SIGCHLD in the caller and leaves it blocked;
- * the child inherits the blocked signal. process_open and
- * process_open_stderr create their pipes without close-on-exec, so their
- * descriptors stay open in programs the caller starts later.
+ * the child inherits the blocked signal. The caller's ends of every pipe
+ * are close-on-exec, so no program started meanwhile by another thread, or
+ * by a later call, inherits them; the child's ends become its standard
+ * descriptors.
  *
  * Failures are logged to syslog at LOG_ERR; qx_errno is not touched. */
 #ifndef QXCOMMON_UTIL_PROCESS_H
@@ -37,9 +38,8 @@ QX_API process *process_open(char **argv, const char *mode);
 QX_API process *process_open_stderr(char **argv, const char *mode);
 /* use_stderr: the read pipe carries standard error instead of standard
  * output. null_other: the other of the two goes to /dev/null instead of
- * being inherited. Both pipes are close-on-exec; read_nonblock and
- * write_nonblock make the read or write pipe non-blocking, at both ends
- * (the child's end included). */
+ * being inherited. read_nonblock and write_nonblock make the read or write pipe non-blocking, at
+ * both ends (the child's end included). */
 QX_API process *process_open_with_flags(char **argv, const char *mode, int use_stderr,
                                         int null_other, int read_nonblock, int write_nonblock);
 

@@ -11,18 +11,21 @@
 #include <unistd.h>
 
 #include "internal/guards.hpp"
+#include "internal/spawn.hpp"
 
 namespace qx::detail {
 
 namespace {
 
-// The two ends as pipe2(2) gives them; -1 where no pipe was asked for.
-struct pipe_ends {
-    int read_end = -1;
-    int write_end = -1;
+using spawn::pipe_pair;
 
-    bool exists() const noexcept { return read_end >= 0; }
-};
+// Every pipe is close-on-exec, so that no program started meanwhile by
+// another thread, or by a later call, holds the caller's ends (a child
+// holding the write end of another child's input would keep that child from
+// ever seeing end of input). The child's own ends become its standard
+// descriptors, which are inherited.
+// process_open and process_open_stderr ask for no other flag.
+constexpr int plain_pipe_flags = O_CLOEXEC;
 
 struct spawn_request {
     char **argv;
@@ -44,63 +47,20 @@ void log_spawn_failure() noexcept {
     syslog(LOG_ERR, "error spawning child process");
 }
 
-bool open_pipe(pipe_ends &ends, int flags) noexcept {
-    int fds[2];
-    if (::pipe2(fds, flags) != 0) {
+bool open_pipe(pipe_pair &ends, int flags) noexcept {
+    if (!ends.open(flags)) {
         errno_keeper keep;
         const int error = errno;
         syslog(LOG_ERR, "error opening pipe (%d): %s", error, std::strerror(error));
         return false;
     }
-    ends.read_end = fds[0];
-    ends.write_end = fds[1];
     return true;
-}
-
-void close_both(const pipe_ends &ends) noexcept {
-    ::close(ends.read_end);
-    ::close(ends.write_end);
-}
-
-void block_sigchld() noexcept {
-    sigset_t just_sigchld;
-    sigemptyset(&just_sigchld);
-    sigaddset(&just_sigchld, SIGCHLD);
-    ::sigprocmask(SIG_BLOCK, &just_sigchld, nullptr);
-}
-
-// Runs in the forked child and never returns.
-[[noreturn]] void become_child(const spawn_request &req, const pipe_ends &out,
-                               const pipe_ends &in) noexcept {
-    if (out.exists()) {
-        const int devnull = ::open("/dev/null", O_WRONLY);
-        const int piped = req.use_stderr ? STDERR_FILENO : STDOUT_FILENO;
-        const int other = req.use_stderr ? STDOUT_FILENO : STDERR_FILENO;
-        ::dup2(out.write_end, piped);
-        if (req.null_other)
-            ::dup2(devnull, other);
-        ::close(devnull);
-        close_both(out);
-    }
-    if (in.exists()) {
-        ::dup2(in.read_end, STDIN_FILENO);
-        close_both(in);
-    }
-    ::execv(req.argv[0], req.argv);
-    const int error = errno;
-    syslog(LOG_ERR, "execv failure: %d (%s)", error, std::strerror(error));
-    // The full exit, not _exit: the caller's exit handlers run in the child.
-    std::exit(255);
 }
 
 // A record that cannot be allocated leaves nobody to reap the child, so it
 // is stopped and reaped here and the open fails as if it had not started.
-void abandon_child(pid_t pid, int caller_read, int caller_write) noexcept {
+void abandon_child(pid_t pid) noexcept {
     errno_keeper keep;
-    if (caller_write >= 0)
-        ::close(caller_write);
-    if (caller_read >= 0)
-        ::close(caller_read);
     ::kill(pid, SIGKILL);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -110,50 +70,51 @@ void abandon_child(pid_t pid, int caller_read, int caller_write) noexcept {
 process *process_spawn(const spawn_request &req) noexcept {
     // Deliberately never unblocked: callers of this family rely on SIGCHLD
     // staying blocked after the call, and the child inherits it.
-    block_sigchld();
+    spawn::block_sigchld_for_good();
 
-    pipe_ends out; // the child's output, read by the caller
-    pipe_ends in;  // the child's standard input, written by the caller
+    pipe_pair out; // the child's output, read by the caller
+    pipe_pair in;  // the child's standard input, written by the caller
     if (req.want_read && !open_pipe(out, req.read_flags)) {
         log_spawn_failure();
         return nullptr;
     }
     if (req.want_write && !open_pipe(in, req.write_flags)) {
-        if (out.exists())
-            close_both(out);
+        out.close_read();
+        out.close_write();
         log_spawn_failure();
         return nullptr;
     }
 
-    const pid_t pid = ::fork();
-    if (pid == 0)
-        become_child(req, out, in);
+    const spawn::piped_plan plan{req.argv, &out, &in, req.use_stderr, req.null_other};
+    const pid_t pid = spawn::start_piped_child(plan);
     if (pid < 0) {
         errno_keeper keep;
-        if (in.exists()) {
+        if (in.is_open()) {
             // Deliberately kept as it has always been: the read end is closed
             // twice and the write end stays open.
-            ::close(in.read_end);
-            ::close(in.read_end);
+            const int read_end = in.release_read();
+            ::close(read_end);
+            ::close(read_end);
+            in.release_write();
         }
-        if (out.exists())
-            close_both(out);
+        out.close_read();
+        out.close_write();
         log_spawn_failure();
         return nullptr;
     }
 
-    if (out.exists())
-        ::close(out.write_end);
-    if (in.exists())
-        ::close(in.read_end);
+    out.close_write();
+    in.close_read();
     auto *proc = static_cast<process *>(std::malloc(sizeof(process)));
     if (proc == nullptr) {
-        abandon_child(pid, out.read_end, in.write_end);
+        in.close_write();
+        out.close_read();
+        abandon_child(pid);
         log_spawn_failure();
         return nullptr;
     }
-    proc->read_fd = out.read_end;
-    proc->write_fd = in.write_end;
+    proc->read_fd = out.is_open() ? out.release_read() : -1;
+    proc->write_fd = in.write_end() >= 0 ? in.release_write() : -1;
     proc->pid = pid;
     return proc;
 }
@@ -219,17 +180,16 @@ int gets_into(int fd, char *buf, int size) noexcept {
 } // namespace qx::detail
 
 using qx::detail::open_with;
+using qx::detail::plain_pipe_flags;
 
 extern "C" {
 
 QX_API process *process_open(char **argv, const char *mode) {
-    // No flags at all, deliberately: these descriptors stay open across the
-    // caller's later exec calls, and existing callers depend on that.
-    return open_with(argv, mode, false, false, 0, 0);
+    return open_with(argv, mode, false, false, plain_pipe_flags, plain_pipe_flags);
 }
 
 QX_API process *process_open_stderr(char **argv, const char *mode) {
-    return open_with(argv, mode, true, false, 0, 0);
+    return open_with(argv, mode, true, false, plain_pipe_flags, plain_pipe_flags);
 }
 
 QX_API process *process_open_with_flags(char **argv, const char *mode, int use_stderr,
