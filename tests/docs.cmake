@@ -66,3 +66,15 @@ add_test(NAME docs.readme_first_program_runs_as_shown
         ${PROJECT_SOURCE_DIR}/README.md ${CMAKE_CURRENT_BINARY_DIR}/readme-example
         ${QX_EXAMPLE_FLAGS})
 set_tests_properties(docs.readme_first_program_runs_as_shown PROPERTIES LABELS no-valgrind)
+
+# docs/deliberate.md lists every "Deliberate:" comment of src/ with a test
+# that exists, and every safety rule with its place and test ...
+add_test(NAME docs.deliberate_list_matches_the_sources
+    COMMAND sh ${PROJECT_SOURCE_DIR}/scripts/deliberate check ${PROJECT_SOURCE_DIR})
+# ... and that check does fail for each kind of drift.
+add_test(NAME docs.deliberate_check_rejects_drift
+    COMMAND sh ${QX_DOCS_SCRIPTS}/check_deliberate_detects_drift.sh
+        ${PROJECT_SOURCE_DIR}/scripts/deliberate ${PROJECT_SOURCE_DIR}
+        ${CMAKE_CURRENT_BINARY_DIR}/deliberate-drift)
+set_tests_properties(docs.deliberate_list_matches_the_sources docs.deliberate_check_rejects_drift
+    PROPERTIES LABELS no-valgrind)

@@ -156,6 +156,18 @@ TEST(JprocPrepare, ExplicitNumberSetsTheCount) {
     EXPECT_EQ(all_steps(state.get()), (steps{"-,-,-,30,40"}));
 }
 
+TEST(JprocPrepare, ALaterSmallerNumberLowersTheCountTheNextPlaceholdersContinueFrom) {
+    // ?3 sets the count to 4 and ?1 lowers it to 2; the two bare "?" then
+    // take 2 and 3, and the count ends at 4 (raising would have given 6).
+    jproc_ptr state =
+        open_on("{'a': ?3, 'b': ?1, 'c': ?, 'd': ?}", R"({"a": 30, "b": 10, "c": 20, "d": 40})");
+    ASSERT_NE(state, nullptr);
+    EXPECT_EQ(jproc_arguments(state.get()), 4);
+    ASSERT_EQ(jproc_step(state.get()), 1);
+    EXPECT_EQ(jproc_get_integer(state.get(), 1), 10);
+    EXPECT_EQ(jproc_get_integer(state.get(), 2), 20);
+}
+
 TEST(JprocPrepare, RepeatedNumberFillsOneSlotLastWriteWins) {
     jproc_ptr state = open_on("{'a': ?1, 'b': ?1}", R"({"a": 1, "b": 2})");
     ASSERT_NE(state, nullptr);

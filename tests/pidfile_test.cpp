@@ -585,6 +585,19 @@ TEST_F(LookForPid, ReadsTheFileAndStripsEveryTrailingCarriageReturnAndLineFeed) 
     EXPECT_TRUE(logged().empty());
 }
 
+TEST_F(LookForPid, ReadsThePidFileThroughASymbolicLink) {
+    write_file(dir_.file("elsewhere"), "4242\n");
+    ASSERT_EQ(symlink(dir_.file("elsewhere").c_str(), dir_.file("svc.pid").c_str()), 0);
+    char *content = nullptr;
+    const std::string dir = dir_.path() + "/";
+    EXPECT_EQ(look_for_pid(&content, "svc", dir.c_str()), 0);
+    ASSERT_NE(content, nullptr);
+    EXPECT_STREQ(content, "4242");
+    std::free(content);
+    EXPECT_TRUE(snap_.unchanged());
+    EXPECT_TRUE(logged().empty());
+}
+
 TEST_F(LookForPid, KeepsLineEndsInsideTheText) {
     write_file(dir_.file("svc.pid"), "12\r\n34\n");
     char *content = nullptr;

@@ -172,6 +172,10 @@ TEST(Rfc2231Encode, EncodesACommaAndLeavesASemicolon) {
     EXPECT_EQ(encode(";"), "UTF-8'';");
 }
 
+TEST(Rfc2231Encode, LeavesParenthesesSlashEqualsQuestionMarkAndDoubleQuoteAsTheyAre) {
+    EXPECT_EQ(encode("(a);b/c=d?\"e\""), "UTF-8''(a);b/c=d?\"e\"");
+}
+
 TEST(Rfc2231Encode, EncodesTheStarThePercentAndTheApostrophe) {
     EXPECT_EQ(encode("*%'"), "UTF-8''%2A%25%27");
 }

@@ -458,6 +458,18 @@ TEST(StrbufChomp, StopsAtTheFirstNonSpaceFromTheEnd) {
     EXPECT_STREQ(sb.text, " a b");
 }
 
+TEST(StrbufChomp, NeverTakesByte0xFFForWhiteSpace) {
+    // As a signed char, 0xFF is EOF to isspace: it stops the chomp like
+    // any other text.
+    owned_strbuf sb;
+    ASSERT_EQ(strbuf_append(&sb, "a\xFF \t\n"), 0);
+    strbuf_chomp(&sb);
+    EXPECT_EQ(sb.length, 2U);
+    EXPECT_STREQ(sb.text, "a\xFF");
+    strbuf_chomp(&sb);
+    EXPECT_STREQ(sb.text, "a\xFF");
+}
+
 TEST(StrbufTruncAt, CutsAtTheFirstOfTheCharacters) {
     owned_strbuf sb;
     ASSERT_EQ(strbuf_append(&sb, "key=1 # note"), 0);

@@ -117,6 +117,7 @@ QX_API uint32_t qx_array_count(char **array) {
     return static_cast<uint32_t>(qx::detail::entry_count(array));
 }
 
+// Deliberate: more = 0 gives NULL and leaves the array alone; callers keep using it.
 // more = 0 returns NULL without touching the array, deliberately: callers
 // test the result only and keep using the old array then.
 QX_API char **qx_array_resize(char **array, size_t more) {
@@ -295,6 +296,7 @@ QX_API char *qx_array_to_string(char **array, const char *sep) {
     for (char **entry = array; *entry != nullptr; ++entry) {
         std::strncat(joined, *entry, remaining);
         remaining -= std::strlen(*entry);
+        // Deliberate: no separator goes in front of a final empty entry ({"a", ""} gives "a").
         // Strictly less, deliberately: the separator in front of a final
         // empty entry is thereby left out ({"a", ""} gives "a").
         if (sep_len > 0 && entry[1] != nullptr && sep_len < remaining) {

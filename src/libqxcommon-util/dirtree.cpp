@@ -174,8 +174,9 @@ QX_API int qx_cp(const char *src, const char *dst, int cpflags) {
     if ((cpflags & cp_keep_attributes) != 0)
         copy_attributes(target.get(), source);
     target.reset();
-    // Deliberate: a complete copy is thrown away when its directory cannot
-    // be opened for the sync; callers treat such a copy as not durable.
+    // Deliberate: a durable copy is removed when its directory cannot be opened for the sync.
+    // A complete copy is thrown away when its directory cannot be opened
+    // for the sync; callers treat such a copy as not durable.
     if ((cpflags & cp_durable) != 0 && sync_parent_directory(dst) != 0) {
         errno_keeper keep;
         ::unlink(dst);
@@ -205,8 +206,9 @@ QX_API int qx_pmkdir(const char *path, mode_t mode) {
         if (result != 0)
             return -1;
     }
-    // Deliberate: EEXIST is passed over here too, so an existing file at the
-    // full path gives 0.
+    // Deliberate: an existing file (not a directory) at the full path gives 0.
+    // EEXIST is passed over here too, so an existing file at the full path
+    // gives 0.
     return make_directory(work, mode);
 }
 

@@ -36,9 +36,11 @@ bool level_enabled(int level) {
 }
 
 // "message: error text" on the heap, or NULL when the level is off or memory
-// is short. The message is cut to 127 bytes. The GNU strerror_r returns a
-// pointer and only fills the buffer for numbers it does not know; its result
-// is ignored on purpose, so every known number reads "unknown".
+// is short. The message is cut to 127 bytes.
+// Deliberate: strerror_r's result is ignored, so every error number it knows reads "unknown".
+// The GNU strerror_r returns a pointer and only fills the buffer for numbers
+// it does not know; its result is ignored on purpose, so every known number
+// reads "unknown".
 char *compose_error_message(int level, int errnum, const char *format, va_list ap) {
     if (!level_enabled(level))
         return nullptr;

@@ -168,6 +168,7 @@ QX_API int strbuf_urlencode(strbuf *sb) {
     const std::size_t walked = sized ? std::strlen(copy.get()) : 0;
     if (!sized ||
         (walked >= sb->size / 3 && !room_for(sb, percent_encoded_length(copy.get(), walked)))) {
+        // Deliberate: a failed encoding empties the text but keeps the length, as callers see it.
         // The text is emptied while length stays; callers have always seen
         // a failed encoding this way.
         sb->length = length;
@@ -219,6 +220,7 @@ QX_API int strbuf_append_xmlencoded(strbuf *sb, const char *s) {
         }
         const char *stop = p;
         if (const unsigned int cp = utf8toint(&stop); cp != 0) {
+            // Deliberate: a failed hex reference is skipped and the walk goes on.
             // A failed reference does not end the walk: it is missing from
             // the output, and it is the result only if nothing is appended
             // after it. Callers have always seen it so.
@@ -229,6 +231,7 @@ QX_API int strbuf_append_xmlencoded(strbuf *sb, const char *s) {
         result = strbuf_appendf(sb, "&#%d;", c);
         if (result != 0)
             return result;
+        // Deliberate: the byte after a bad lead byte is dropped with it (not the NUL).
         // The byte on which decoding stopped goes with the bad lead byte; it
         // is lost on purpose. Only the terminating NUL is never skipped.
         if (*stop == '\0')
@@ -296,6 +299,7 @@ QX_API int strbuf_translate(strbuf *sb, const char *from, const char *to) {
         if (append_byte(&result, static_cast<unsigned char>(out)) != 0)
             return -1;
     }
+    // Deliberate: deleting everything gives length 0 and leaves the old bytes unterminated.
     // When everything was deleted, result.text is NULL: strbuf_put then only
     // sets length to 0 and leaves the old bytes unterminated. Kept on purpose.
     const std::size_t old_length = sb->length;

@@ -18,6 +18,7 @@ namespace {
 
 constexpr mode_t default_write_mode = 0644;
 
+// Deliberate: the NUL goes behind the bytes read, so the caller's buffer needs one byte more.
 // Reads into the caller's buffer of usable size *len; the NUL goes to
 // data[count], which may be one byte behind that size.
 int read_into_caller_buffer(int fd, char *data, int *len) noexcept {
@@ -202,6 +203,7 @@ QX_API int strbuf_readfile(strbuf *sb, const char *path) {
     strbuf_free(sb);
     sb->text = data;
     sb->length = static_cast<std::size_t>(len);
+    // Deliberate: the buffer's size equals its length, and is 1 for an empty file.
     // Deliberately size == length (the block holds one more byte, the NUL);
     // an empty file still counts as owned with size 1.
     sb->size = len == 0 ? 1 : static_cast<std::size_t>(len);
@@ -242,6 +244,7 @@ QX_API off_t qx_fd_filesize_get(int fd) {
 QX_API off_t qx_filesize_get(const char *path) {
     fd_guard fd(::open(path, O_RDONLY));
     if (!fd)
+        // Deliberate: a file that cannot be opened gives 0, as an empty file does.
         return 0; // deliberately the same answer as for an empty file
     return qx_fd_filesize_get(fd.get());
 }

@@ -134,6 +134,7 @@ class compiler {
         return nullptr;
     }
 
+    // Deliberate: "?N" sets the slot count to N + 1, so a later smaller N lowers it.
     // "?" takes the next number; "?N" takes N and sets (not raises) the
     // count to N + 1, so a later smaller N lowers it. That is deliberate;
     // jproc_prepare rejects the patterns where it would strand a slot.
@@ -501,6 +502,7 @@ QX_API long jproc_get_integer(jproc *state, int index) {
     const json_value *value = slot(state, index);
     if (value == nullptr || value->type != json_integer)
         return -1;
+    // Deliberate: only the low 32 bits of the integer, as a signed int; callers rely on it.
     // Only the low 32 bits, as a signed int: deliberate, callers rely on it.
     return static_cast<long>(
         static_cast<std::int32_t>(static_cast<std::uint32_t>(value->u.integer)));

@@ -9,6 +9,7 @@
 namespace qx::detail {
 namespace {
 
+// Deliberate: the first match in document order wins, at any depth; callers rely on it.
 // Pre-order: an entry's name is compared before its value is searched, and
 // an earlier entry's whole subtree before the next entry. Callers rely on
 // that order when a name occurs at several depths.
@@ -90,6 +91,7 @@ QX_API int json_get_int_by_name(json_value *value, const char *name, int *result
         *result = static_cast<std::int32_t>(static_cast<std::uint32_t>(found->u.integer));
         return 0;
     case json_string:
+        // Deliberate: a string that is not a number stores 0 and succeeds.
         // Deliberately lenient: text that is not a number gives 0.
         *result = static_cast<int>(std::strtol(found->u.string.ptr, nullptr, 10));
         return 0;

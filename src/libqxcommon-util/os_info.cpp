@@ -20,6 +20,7 @@ constexpr char no_value[] = "";
 // The record behind osrelease(); zero-initialised, so no constructor runs.
 os_info library_record;
 
+// Deliberate: a quoted value on a last line without a line feed keeps both its quotes.
 // Strips the value's opening quote and the closing one, which must be the
 // character two places before next_line (the last one of a line ended by a
 // line feed). Deliberate: for a last line without a line feed that is the
@@ -161,6 +162,7 @@ namespace qx::detail {
 
 namespace {
 
+// Deliberate: at unload an unused record is given a copy of its path, freed at once.
 // Runs when the library is unloaded. A record that was never used is first
 // given its path, which is then released at once: deliberate, kept as it is.
 __attribute__((destructor)) void release_library_record() {

@@ -133,6 +133,7 @@ void patricia_free_subtree(void *p) noexcept {
     }
 }
 
+// Deliberate: a lone leaf passes the handler's own result back; under a node only 0, 1, -1 do.
 int patricia_walk_prefixed(void *p, int (*handler)(const char *, void *), void *arg) noexcept {
     if (!is_internal(p))
         return handler(as_leaf(p), arg);

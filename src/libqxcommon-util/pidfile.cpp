@@ -37,11 +37,13 @@ constexpr std::size_t pid_path_size = 256;
 constexpr std::size_t pid_path_slack = 128;
 
 constexpr const char *own_exe_unknown = "cannot check the program ID";
+// Deliberate: "Another Instance Running" differs in capitals from the logged text.
 // The capitals differ from the logged text on purpose: callers compare the
 // stored text.
 constexpr const char *other_instance_text = "Another Instance Running";
 constexpr const char *pid_write_failed_text = "unable to open file for pid write";
 
+// Deliberate: out of memory prints "Indexer done" and exits with status 1; callers watch for it.
 // The single-instance functions serve a long-running service that treats
 // memory exhaustion as the end of its work; callers watch for this exact
 // line and exit status.
@@ -158,6 +160,7 @@ int read_recorded_pid(const char *path, char (&recorded)[recorded_pid_limit + 1]
 
 enum class pid_file_read { text, no_name, no_dir, not_opened, empty };
 
+// Deliberate: look_for_pid opens the PID file with a plain fopen, links followed.
 // How the PID file is opened for reading: look_for_pid opens it as it always
 // has; the single-instance check refuses links and anything but a regular
 // file (the write that follows refuses them too).
@@ -309,9 +312,10 @@ QX_API int get_process_name(const char *pid_text, char **exe_path) {
 QX_API int look_for_pid(char **content, const char *name, const char *dir) {
     const pid_file_read outcome = read_pid_file(content, name, dir, pid_file_open::plain);
     if (outcome == pid_file_read::empty) {
-        // Deliberate and kept: the caller's pointer variable is released,
-        // not the block it now points to. Callers that read empty files
-        // hand in a heap slot and take the block from it beforehand.
+        // Deliberate: an empty file frees the caller's pointer variable, not the block.
+        // The caller's pointer variable is released, not the block it now
+        // points to. Callers that read empty files hand in a heap slot and
+        // take the block from it beforehand.
         std::free(content);
         return -1;
     }

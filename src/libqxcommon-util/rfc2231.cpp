@@ -21,6 +21,7 @@ constexpr std::size_t charset_room = 32;
 constexpr char encoded_charset[] = "UTF-8''";
 constexpr char upper_hex_digits[] = "0123456789ABCDEF";
 
+// Deliberate: a non-hexadecimal digit counts as 0, so "%zz" gives a NUL that ends the text.
 // A byte that is not a hexadecimal digit counts as 0. Deliberate: "%zz"
 // becomes a NUL byte, which ends the decoded text.
 constexpr unsigned hex_value(char c) noexcept {
@@ -91,6 +92,7 @@ void convert_skipping_failures(iconv_t converter, char *in, char *out, std::size
 }
 
 bool is_escaped_on_encoding(unsigned char c) noexcept {
+    // Deliberate: ( ) ; / = ? and the double quote are not escaped; callers' headers rely on it.
     // The list is deliberately short: "(", ")", ";", "/", "=", "?" and the
     // double quote go out as they are, and callers' headers rely on that.
     return c < '!' || c > '~' || c == '*' || c == ',' || c == '%' || c == '\'';

@@ -11,6 +11,7 @@ namespace {
 constexpr unsigned long seconds_per_hour = 3600;
 constexpr unsigned long seconds_per_minute = 60;
 
+// Deliberate: an offset of 100 hours or more is cut to the six-byte text ("100:0").
 // "HH:MM" of an absolute offset; seconds of the offset are dropped. The hours
 // are not bounded: from 100 hours on they take three digits or more, and the
 // six-byte text then keeps only what fits (100 hours give "100:0"). Zone

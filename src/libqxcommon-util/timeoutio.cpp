@@ -123,6 +123,7 @@ QX_API int timeoutio_sb(int fd, strbuf *sb, int timeout, short events, int flags
         return -1;
     }
     short revents = 0;
+    // Deliberate: a time-out of timeoutio_sb leaves errno as it was (no ETIMEDOUT).
     // Deliberately unlike timeoutio: a time-out leaves errno as it was and a
     // failed poll leaves its own errno; callers of this form rely on that.
     if (qx::detail::wait_through_signals(fd, timeout, events, &revents) <= 0)
@@ -134,6 +135,7 @@ QX_API int timeoutio_sb(int fd, strbuf *sb, int timeout, short events, int flags
     return -1;
 }
 
+// Deliberate: iowait gives -1 with EINTR when a signal interrupts it, for callers' own loops.
 // Deliberately the plain poll: an interrupted wait gives -1 with EINTR, and
 // callers that wait in a loop of their own rely on seeing it.
 QX_API int iowait(int fd, int timeout, short events) {

@@ -81,6 +81,7 @@ class field_cutter {
         return false;
     }
 
+    // Deliberate: backslash escapes work inside single quotes as well as double ones.
     // Inside quotes the delimiters and the other kind of quote are text;
     // backslash escapes work in single quotes too, deliberately.
     void step_quoted(char c, char closing, quoting escape) noexcept {
