@@ -15,8 +15,7 @@ namespace qx_test {
 // qx_child (see tests/helpers/qx_child.c), followed by its actions.
 class child_command {
   public:
-    explicit child_command(std::vector<std::string> actions,
-                           std::string program = QX_TEST_CHILD) {
+    explicit child_command(std::vector<std::string> actions, std::string program = QX_TEST_CHILD) {
         words_.push_back(std::move(program));
         for (auto &action : actions)
             words_.push_back(std::move(action));
