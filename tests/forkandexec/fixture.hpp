@@ -171,23 +171,6 @@ inline void reaping_sigchld_handler(int) {
     errno = saved_errno;
 }
 
-// Sets a SIGCHLD disposition for the life of the object.
-class sigchld_disposition {
-  public:
-    explicit sigchld_disposition(void (*handler)(int)) {
-        struct sigaction action {};
-        action.sa_handler = handler;
-        sigemptyset(&action.sa_mask);
-        sigaction(SIGCHLD, &action, &saved_);
-    }
-    ~sigchld_disposition() { sigaction(SIGCHLD, &saved_, nullptr); }
-    sigchld_disposition(const sigchld_disposition &) = delete;
-    sigchld_disposition &operator=(const sigchld_disposition &) = delete;
-
-  private:
-    struct sigaction saved_ {};
-};
-
 // Sets a disposition of one signal for the life of the object.
 class signal_disposition {
   public:
@@ -204,6 +187,12 @@ class signal_disposition {
   private:
     int number_;
     struct sigaction saved_ {};
+};
+
+// Sets the SIGCHLD disposition for the life of the object.
+class sigchld_disposition : public signal_disposition {
+  public:
+    explicit sigchld_disposition(void (*handler)(int)) : signal_disposition(SIGCHLD, handler) {}
 };
 
 inline void ignoring_handler(int) {}

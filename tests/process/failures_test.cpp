@@ -90,11 +90,7 @@ TEST_F(Process, RecordAllocationFailureStopsAndReapsTheChild) {
             EXPECT_EQ(errno, ECHILD);
         } else {
             ASSERT_NE(proc, nullptr);
-            const pid_t pid = proc->pid;
-            EXPECT_EQ(process_signal(proc, SIGKILL), 0);
-            int exitcode = 77;
-            EXPECT_EQ(process_close(proc, &exitcode, 1), pid);
-            EXPECT_EQ(exitcode, 77);
+            kill_and_close(proc);
         }
     });
     EXPECT_EQ(allocations, 1); // the record is the only allocation

@@ -136,6 +136,16 @@ class Process : public ::testing::Test {
         EXPECT_EQ(exitcode, code);
     }
 
+    // Kills a running child and closes it: the record goes, and the exit
+    // code is left as it was, as for any child ended by a signal.
+    void kill_and_close(process *proc) {
+        const pid_t pid = proc->pid;
+        EXPECT_EQ(process_signal(proc, SIGKILL), 0);
+        int exitcode = 77;
+        EXPECT_EQ(process_close(proc, &exitcode, 1), pid);
+        EXPECT_EQ(exitcode, 77);
+    }
+
     fd_snapshot fds_;
 
   private:

@@ -133,11 +133,7 @@ TEST_F(Process, GetsReadErrorAfterSomeBytesTerminatesThemAndReturnsMinusOne) {
     EXPECT_EQ(process_gets(proc, buf, 1), -1);
     EXPECT_EQ(buf[0], '\0');
 
-    const pid_t pid = proc->pid;
-    EXPECT_EQ(process_signal(proc, SIGKILL), 0);
-    int exitcode = 77;
-    EXPECT_EQ(process_close(proc, &exitcode, 1), pid);
-    EXPECT_EQ(exitcode, 77);
+    kill_and_close(proc);
 }
 
 TEST_F(Process, GetsReadErrorWhileDiscardingALongLineStillTerminatesTheBuffer) {
@@ -281,16 +277,13 @@ TEST_F(Process, CloseOfAChildKilledBySignalLeavesTheExitCodeAlone) {
     child_command argv({"sleep", "30"});
     process *proc = process_open(argv.argv(), "rw");
     ASSERT_NE(proc, nullptr);
-    const pid_t pid = proc->pid;
-    EXPECT_EQ(process_signal(proc, SIGKILL), 0);
-    int exitcode = 77;
-    EXPECT_EQ(process_close(proc, &exitcode, 1), pid);
-    EXPECT_EQ(exitcode, 77);
+    kill_and_close(proc);
 
     child_command self_killed({"signal", std::to_string(SIGTERM)});
     proc = process_open(self_killed.argv(), "r");
     ASSERT_NE(proc, nullptr);
     const pid_t second = proc->pid;
+    int exitcode = 77;
     EXPECT_EQ(process_close(proc, &exitcode, 1), second);
     EXPECT_EQ(exitcode, 77);
     EXPECT_TRUE(fds_.unchanged());
