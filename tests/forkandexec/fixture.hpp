@@ -448,27 +448,11 @@ class collected {
 
     // Nothing was collected: the plain family leaves a null block and sets
     // the length to zero, the strbuf family leaves both texts null.
-    void expect_nothing_collected() const {
-        if (entry_.strbufs) {
-            EXPECT_EQ(out_.text, nullptr);
-            EXPECT_EQ(err_.text, nullptr);
-        } else {
-            EXPECT_EQ(block_, nullptr);
-            EXPECT_EQ(length_, 0U);
-        }
-    }
+    void expect_nothing_collected() const { expect_no_text_and_length(0); }
 
     // A call that failed before starting anything touched neither the
     // block nor the length, nor the strbufs.
-    void expect_untouched() const {
-        if (entry_.strbufs) {
-            EXPECT_EQ(out_.text, nullptr);
-            EXPECT_EQ(err_.text, nullptr);
-        } else {
-            EXPECT_EQ(block_, nullptr);
-            EXPECT_EQ(length_, initial_length_);
-        }
-    }
+    void expect_untouched() const { expect_no_text_and_length(initial_length_); }
 
   private:
     entry_point entry_;
@@ -477,6 +461,16 @@ class collected {
     std::size_t length_;
     strbuf out_{};
     strbuf err_{};
+
+    void expect_no_text_and_length(std::size_t length) const {
+        if (entry_.strbufs) {
+            EXPECT_EQ(out_.text, nullptr);
+            EXPECT_EQ(err_.text, nullptr);
+        } else {
+            EXPECT_EQ(block_, nullptr);
+            EXPECT_EQ(length_, length);
+        }
+    }
 };
 
 // The fixture, run once with each entry point.

@@ -100,6 +100,24 @@ inline int open_for_writing(const std::string &path) {
     return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
 }
 
+// Runs `open` (an opener of a child) while the test's descriptor `target`
+// points to a new file at `path`, so that what the child writes to the
+// descriptor it inherits there can be read back from the file.
+template <typename Open> process *open_redirected(int target, const std::string &path, Open open) {
+    const int file = open_for_writing(path);
+    if (file < 0) {
+        ADD_FAILURE() << "cannot create " << path;
+        return nullptr;
+    }
+    process *proc;
+    {
+        redirected to_file(target, file);
+        proc = open();
+    }
+    close(file);
+    return proc;
+}
+
 // Every test starts with SIGCHLD unblocked, so that blocking it is seen,
 // and ends with the test program's own mask back in place.
 class Process : public ::testing::Test {

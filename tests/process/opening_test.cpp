@@ -30,15 +30,9 @@ TEST_F(Process, ReadWriteModeDrivesAnEchoingChildLineByLine) {
 
 TEST_F(Process, WriteOnlyModeLeavesTheChildOutputWhereTheCallersGoes) {
     temp_dir dir;
-    const int file = open_for_writing(dir.file("stdout"));
-    ASSERT_GE(file, 0);
     child_command argv({"echoline", "out", "done"});
-    process *proc;
-    {
-        redirected out(STDOUT_FILENO, file);
-        proc = process_open(argv.argv(), "w");
-    }
-    close(file);
+    process *proc = open_redirected(STDOUT_FILENO, dir.file("stdout"),
+                                    [&] { return process_open(argv.argv(), "w"); });
     ASSERT_NE(proc, nullptr);
     EXPECT_EQ(process_read_fd(proc), -1);
     EXPECT_GE(process_write_fd(proc), 0);
@@ -261,15 +255,9 @@ TEST_F(Process, ChildHoldsItsStandardDescriptorsAndNoPipeEndBeyondThem) {
 
 TEST_F(Process, OpenStderrReadsStandardErrorAndLeavesStandardOutputInherited) {
     temp_dir dir;
-    const int file = open_for_writing(dir.file("stdout"));
-    ASSERT_GE(file, 0);
     child_command argv({"out", "to stdout", "err", "to stderr\\n"});
-    process *proc;
-    {
-        redirected out(STDOUT_FILENO, file);
-        proc = process_open_stderr(argv.argv(), "r");
-    }
-    close(file);
+    process *proc = open_redirected(STDOUT_FILENO, dir.file("stdout"),
+                                    [&] { return process_open_stderr(argv.argv(), "r"); });
     ASSERT_NE(proc, nullptr);
     char buf[32];
     EXPECT_EQ(process_gets(proc, buf, sizeof buf), 9);
@@ -281,15 +269,9 @@ TEST_F(Process, OpenStderrReadsStandardErrorAndLeavesStandardOutputInherited) {
 
 TEST_F(Process, OpenLeavesStandardErrorInherited) {
     temp_dir dir;
-    const int file = open_for_writing(dir.file("stderr"));
-    ASSERT_GE(file, 0);
     child_command argv({"out", "to stdout\\n", "err", "to stderr"});
-    process *proc;
-    {
-        redirected err(STDERR_FILENO, file);
-        proc = process_open(argv.argv(), "r");
-    }
-    close(file);
+    process *proc = open_redirected(STDERR_FILENO, dir.file("stderr"),
+                                    [&] { return process_open(argv.argv(), "r"); });
     ASSERT_NE(proc, nullptr);
     char buf[32];
     EXPECT_EQ(process_gets(proc, buf, sizeof buf), 9);
@@ -303,16 +285,12 @@ TEST_F(Process, NullOtherSendsTheStreamNotReadToDevNull) {
     for (int use_stderr : {0, 1})
         for (int null_other : {0, 1}) {
             SCOPED_TRACE(std::to_string(use_stderr) + std::to_string(null_other));
-            const int file = open_for_writing(dir.file("other"));
-            ASSERT_GE(file, 0);
             child_command argv({"out", "O\\n", "err", "E\\n"});
-            process *proc;
-            {
-                // The stream that is not read goes where the test's own goes.
-                redirected other(use_stderr != 0 ? STDOUT_FILENO : STDERR_FILENO, file);
-                proc = process_open_with_flags(argv.argv(), "r", use_stderr, null_other, 0, 0);
-            }
-            close(file);
+            // The stream that is not read goes where the test's own goes.
+            process *proc = open_redirected(
+                use_stderr != 0 ? STDOUT_FILENO : STDERR_FILENO, dir.file("other"), [&] {
+                    return process_open_with_flags(argv.argv(), "r", use_stderr, null_other, 0, 0);
+                });
             ASSERT_NE(proc, nullptr);
             char buf[8];
             EXPECT_EQ(process_gets(proc, buf, sizeof buf), 1);
