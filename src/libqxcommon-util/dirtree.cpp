@@ -76,7 +76,7 @@ void copy_attributes(const char *dst, const struct stat &source) noexcept {
     times.actime = source.st_atime;
     times.modtime = source.st_mtime;
     ::utime(dst, &times);
-    ::chown(dst, source.st_uid, source.st_gid);
+    [[maybe_unused]] const int owner_set = ::chown(dst, source.st_uid, source.st_gid);
 }
 
 // Opens and syncs the directory that holds dst. -1 only when it cannot be
