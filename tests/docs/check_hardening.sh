@@ -2,15 +2,14 @@
 # Checks with readelf that the packaged library and tool are built with the
 # hardening flags: a read-only relocation table (RELRO) bound at start-up
 # (BIND_NOW), the stack protector, checked string and memory functions
-# (_FORTIFY_SOURCE), and a position-independent tool. Then, when a test
-# program that captures syslog is given, runs its syslog tests against the
-# packaged library: a fortified library calls __syslog_chk and
-# __vsyslog_chk, which the test support must capture like syslog itself.
-# Usage: check_hardening.sh packages-dir [syslog-test-program gtest-filter]
+# (_FORTIFY_SOURCE), and a position-independent tool. Then runs the given
+# tests that capture syslog against the packaged library: a fortified
+# library calls __syslog_chk and __vsyslog_chk, which the test support must
+# capture like syslog and vsyslog.
+# Usage: check_hardening.sh packages-dir [test-program gtest-filter]...
 set -eu
 packages=$1
-syslog_test=${2:-}
-filter=${3:-}
+shift
 scratch=$packages/hardening
 rm -rf "$scratch"
 mkdir -p "$scratch"
@@ -21,9 +20,8 @@ fail() {
     failures=$((failures + 1))
 }
 for package in libqxcommon-util0 qxutil; do
-    set -- "$packages/${package}"_*.deb
-    [ -f "$1" ] || { fail "no $package package"; exit 1; }
-    dpkg-deb -x "$1" "$scratch"
+    deb=$(ls "$packages/${package}"_*.deb 2> /dev/null) || { fail "no $package package"; exit 1; }
+    dpkg-deb -x "$deb" "$scratch"
 done
 library=$(find "$scratch/usr/lib" -name 'libqxcommon-util.so.*.*.*' -type f)
 tool=$scratch/usr/bin/qxutil
@@ -47,18 +45,23 @@ grep -Eq '\(FLAGS_1\).*PIE' "$scratch/qxutil.dynamic" || fail "qxutil is not a P
 grep -Eq ' UND __v?syslog_chk' "$scratch/$(basename "$library").symbols" ||
     fail "the library does not call the fortified syslog"
 
-if [ -n "$syslog_test" ]; then
-    # The test program was linked against the tree's own library; the
-    # packaged one takes its place through the loader's search path.
-    LD_LIBRARY_PATH=$(dirname "$library") "$syslog_test" --gtest_filter="$filter" \
-        > "$scratch/syslog-test.log" 2>&1 || {
-        cat "$scratch/syslog-test.log"
-        fail "the syslog tests fail against the fortified library"
-    }
-    grep -q '\[  PASSED  \] [1-9]' "$scratch/syslog-test.log" || fail "no syslog test ran"
-    LD_LIBRARY_PATH=$(dirname "$library") LD_TRACE_LOADED_OBJECTS=1 "$syslog_test" |
-        grep -q "libqxcommon-util.so.0 => $(dirname "$library")/" ||
-        fail "the syslog tests did not load the packaged library"
-    echo "the syslog tests pass against the fortified library: $(grep '\[  PASSED  \]' "$scratch/syslog-test.log")"
-fi
+# The test programs were linked against the tree's own library; the
+# packaged one takes its place through the loader's search path.
+packaged=$(dirname "$library")
+while [ "$#" -ge 2 ]; do
+    program=$1
+    filter=$2
+    shift 2
+    name=$(basename "$program")
+    LD_LIBRARY_PATH=$packaged LD_TRACE_LOADED_OBJECTS=1 "$program" > "$scratch/$name.loads"
+    grep -q "libqxcommon-util.so.0 => $packaged/" "$scratch/$name.loads" ||
+        fail "$name does not load the packaged library"
+    if LD_LIBRARY_PATH=$packaged "$program" --gtest_filter="$filter" > "$scratch/$name.log" 2>&1 &&
+        grep -q '\[  PASSED  \] [1-9]' "$scratch/$name.log"; then
+        echo "$name $filter, against the fortified library: $(grep '\[  PASSED  \]' "$scratch/$name.log")"
+    else
+        cat "$scratch/$name.log"
+        fail "$name $filter fails against the fortified library"
+    fi
+done
 [ "$failures" -eq 0 ] || exit 1
