@@ -4,6 +4,7 @@
 # - Multi-Arch: the library and its development files can be installed for
 #   several architectures at once; the tool serves any architecture.
 # - A -dbgsym package: its documentation link and md5sums (see below).
+# - Permissions that do not depend on the umask of the build.
 # - The library's ldconfig: CPack writes a postinst and a postrm that call
 #   ldconfig for any package with a shared library in /usr/lib. The package
 #   activates the ldconfig trigger instead (its control file "triggers"), so
@@ -57,6 +58,11 @@ foreach(package_file IN LISTS CPACK_PACKAGE_FILES)
         endforeach()
         file(WRITE ${work}/DEBIAN/md5sums "${md5sums}")
     endif()
+
+    # Nothing in a package is writable by group or others, whatever the
+    # umask of the build (CPack and the installation create some directories
+    # and files with it).
+    execute_process(COMMAND chmod -R go-w ${work} COMMAND_ERROR_IS_FATAL ANY)
 
     execute_process(COMMAND ${QX_DPKG_DEB} --root-owner-group -Zxz -b ${work} ${package_file}
         OUTPUT_QUIET COMMAND_ERROR_IS_FATAL ANY)

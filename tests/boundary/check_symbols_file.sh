@@ -18,8 +18,13 @@ if [ "$header" != "$soname $package #MINVER#" ]; then
     echo "first line is \"$header\", not \"$soname $package #MINVER#\"" >&2
     status=1
 fi
+# The package that builds against it, for dpkg-shlibdeps' diagnostics.
+grep -qx '\* Build-Depends-Package: libqxcommon-util-dev' "$symbols" || {
+    echo "no \"* Build-Depends-Package: libqxcommon-util-dev\" line" >&2
+    status=1
+}
 # Every other line: one blank, name@Base, one blank, a version.
-if tail -n +2 "$symbols" | grep -v -E '^ [A-Za-z_][A-Za-z0-9_]*@Base [0-9]+(\.[0-9]+)*$'; then
+if tail -n +2 "$symbols" | grep -v '^\* ' | grep -v -E '^ [A-Za-z_][A-Za-z0-9_]*@Base [0-9]+(\.[0-9]+)*$'; then
     echo "the lines above are not \" name@Base version\"" >&2
     status=1
 fi
@@ -34,7 +39,7 @@ if [ -n "$(uniq -d "$scratch/listed")" ]; then
     status=1
 fi
 # No name can have appeared in a version later than this one.
-later=$(tail -n +2 "$symbols" | awk '{ print $2 }' | sort -u | while read -r appeared; do
+later=$(tail -n +2 "$symbols" | awk '/^ / { print $2 }' | sort -u | while read -r appeared; do
     newest=$(printf '%s\n%s\n' "$appeared" "$version" | sort -V | tail -n 1)
     [ "$newest" = "$version" ] || echo "$appeared"
 done)

@@ -9,6 +9,9 @@ source=$1
 scratch=$2
 cc=$3
 cxx=$4
+# A umask that leaves files group-writable, as many systems have: the
+# permissions in the packages must not depend on it.
+umask 002
 # The build tree is kept between runs, so that a run after a small change
 # builds only what changed; the packages are made afresh each time.
 rm -rf "$scratch/packages" "$scratch/build.log"
