@@ -21,7 +21,11 @@ static int copy_into(const char *top) {
     char *scratch = NULL;
     int fd;
 
-    snprintf(spool, sizeof spool, "%s/spool/incoming", top);
+    /* A path that does not fit is refused rather than cut short. */
+    if (snprintf(spool, sizeof spool, "%s/spool/incoming", top) >= (int)sizeof spool) {
+        fprintf(stderr, "%s: path too long\n", top);
+        return 1;
+    }
     if (qx_pmkdir(spool, 0750) != 0) {
         perror(spool);
         return 1;

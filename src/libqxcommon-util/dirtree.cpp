@@ -83,7 +83,7 @@ void copy_attributes(int target, const struct stat &source) noexcept {
     times[0].tv_sec = source.st_atime;
     times[1].tv_sec = source.st_mtime;
     ::futimens(target, times);
-    ::fchown(target, source.st_uid, source.st_gid);
+    [[maybe_unused]] const int owner_set = ::fchown(target, source.st_uid, source.st_gid);
     if ((source.st_mode & (S_ISUID | S_ISGID)) != 0)
         ::fchmod(target, source.st_mode);
 }
