@@ -180,9 +180,8 @@ int forkandexec_common(char **argv, int timeout, char **out, std::size_t *outlen
     if (out != nullptr)
         *outlen = 0;
     collect_into_block(output.read_end(), out, outlen);
-    // Deliberate, long-standing behaviour that callers may depend on: the
-    // caller's standard input is replaced and not restored; it reads
-    // end-of-file from now on.
+    // Deliberate: the caller's standard input is replaced, never restored.
+    // Callers may depend on it: from now on it reads end-of-file.
     spawn::replace_stdin_with_finished_pipe(output.release_read());
     return wait_for_command(argv, pid, timeout, status);
 }
@@ -194,8 +193,8 @@ int forkandexec_ex_common(char **argv, int timeout, strbuf *out, strbuf *err) no
     if (!output.open(pipe_flags))
         return -1;
     if (!errors.open(pipe_flags)) {
-        // Deliberately kept as it always was: on this path the first pipe's
-        // two descriptors stay open.
+        // Deliberate: the first pipe's two descriptors stay open here.
+        // It has always been so on this path, and callers count descriptors.
         output.release_read();
         output.release_write();
         return -1;

@@ -68,8 +68,9 @@ void abandon_child(pid_t pid) noexcept {
 }
 
 process *process_spawn(const spawn_request &req) noexcept {
-    // Deliberately never unblocked: callers of this family rely on SIGCHLD
-    // staying blocked after the call, and the child inherits it.
+    // Deliberate: SIGCHLD is blocked and never unblocked.
+    // Callers of this family rely on it staying blocked after the call, and
+    // the child inherits it.
     spawn::block_sigchld_for_good();
 
     pipe_pair out; // the child's output, read by the caller
@@ -90,8 +91,8 @@ process *process_spawn(const spawn_request &req) noexcept {
     if (pid < 0) {
         errno_keeper keep;
         if (in.is_open()) {
-            // Deliberately kept as it has always been: the read end is closed
-            // twice and the write end stays open.
+            // Deliberate: the read end is closed twice, the write end stays open.
+            // It has always been so when the start fails.
             const int read_end = in.release_read();
             ::close(read_end);
             ::close(read_end);
@@ -159,9 +160,9 @@ int gets_into(int fd, char *buf, int size) noexcept {
     int stored = 0;
     while (stored < room) {
         const ssize_t n = read_byte(fd, buf + stored);
-        // When nothing was stored no NUL is written, deliberately: an empty
-        // line leaves its line feed in buf[0] and end of input leaves buf as
-        // it was, and callers tell the two apart by that.
+        // Deliberate: no NUL is written when nothing was stored.
+        // An empty line leaves its line feed in buf[0] and end of input
+        // leaves buf as it was, and callers tell the two apart by that.
         const bool stop = n <= 0 || buf[stored] == '\n';
         if (stop) {
             if (stored > 0)

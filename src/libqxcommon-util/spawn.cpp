@@ -114,9 +114,9 @@ QX_CHILD_CODE int become_command(void *raw) noexcept {
     ::dup2(devnull, STDIN_FILENO);
     place_descriptor(plan->out >= 0 ? plan->out : devnull, STDOUT_FILENO);
     place_descriptor(plan->err >= 0 ? plan->err : devnull, STDERR_FILENO);
-    // Deliberate and documented: the program inherits the pipe write ends
-    // (and the /dev/null descriptor, opened without close-on-exec) as extra
-    // open descriptors, so collection ends only when it has closed them all.
+    // Deliberate: the program inherits the pipe write ends and /dev/null.
+    // They are extra open descriptors (the /dev/null one opened without
+    // close-on-exec), so collection ends only when it has closed them all.
     for (int i = 0; i < plan->write_end_count; ++i)
         keep_across_exec(plan->write_ends[i]);
     ::setpgid(0, 0);
@@ -189,9 +189,9 @@ pid_t start_command(command_plan &plan) noexcept {
     sigset_t before;
     sigfillset(&everything);
     ::sigprocmask(SIG_SETMASK, &everything, &before);
-    const pid_t pid = stack ? ::clone(become_command, stack.top(),
-                                      CLONE_VM | CLONE_VFORK | SIGCHLD, &plan)
-                            : start_on_callers_stack(&plan);
+    const pid_t pid =
+        stack ? ::clone(become_command, stack.top(), CLONE_VM | CLONE_VFORK | SIGCHLD, &plan)
+              : start_on_callers_stack(&plan);
     const int start_errno = errno;
     ::sigprocmask(SIG_SETMASK, &before, nullptr);
     errno = pid < 0 ? start_errno : caller_errno;
@@ -208,7 +208,8 @@ namespace {
     const pipe_pair &output = *plan.output;
     const pipe_pair &input = *plan.input;
     if (output.is_open()) {
-        // The open's result is deliberately not tested.
+        // The open's result is not tested: when it fails, the stream not
+        // read stays as the caller had it.
         const int devnull = ::open("/dev/null", O_WRONLY);
         const int piped = plan.use_stderr ? STDERR_FILENO : STDOUT_FILENO;
         const int other = plan.use_stderr ? STDOUT_FILENO : STDERR_FILENO;
@@ -228,9 +229,9 @@ namespace {
     // standard streams not redirected) is inherited unchanged.
     ::execv(plan.argv[0], plan.argv);
     const int error = errno;
-    // Deliberate, and documented as risky in a threaded caller: the child
-    // logs through syslog and ends with the full exit(), so the caller's
-    // exit handlers and stdio flushing run in it.
+    // Deliberate: after a failed execv the child logs and calls exit().
+    // Documented as risky in a threaded caller: the caller's exit handlers
+    // and stdio flushing run in the child.
     ::syslog(LOG_ERR, "execv failure: %d (%s)", error, std::strerror(error));
     std::exit(255);
 }

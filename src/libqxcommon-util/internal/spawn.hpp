@@ -122,7 +122,7 @@ class exit_watch {
 
 // ---- the caller's standard input of the plain forkandexec ----------------
 
-// Deliberate and documented: once collection has ended, the caller's
+// Once collection has ended, the caller's
 // descriptor 0 becomes the read end of a finished, empty pipe (it reads
 // end-of-file), replacing whatever it was. The output pipe's read end,
 // handed over here, is closed: no descriptor of the caller keeps it open,
