@@ -16,7 +16,8 @@ function(qx_add_ini_engine_contract_test target ndebug_flag prefix)
         ${CMAKE_CURRENT_SOURCE_DIR})
     target_compile_definitions(${target} PRIVATE
         _GNU_SOURCE QX_INI_ENGINE_TEST_SEAMS
-        QX_TEST_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}")
+        QX_TEST_BINARY_DIR="${CMAKE_CURRENT_BINARY_DIR}"
+        QX_INI_ENGINE_SOURCE="${PROJECT_SOURCE_DIR}/src/libqxcommon-util/ini_engine.cpp")
     target_compile_options(${target} PRIVATE -Wall -Wextra ${ndebug_flag})
     target_link_libraries(${target} PRIVATE
         GTest::gtest GTest::gmock GTest::gtest_main Threads::Threads)

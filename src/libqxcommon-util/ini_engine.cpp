@@ -23,9 +23,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 #include <strings.h>
 #include <unistd.h>
 
+#include "internal/guards.hpp"
 #include "internal/ini_engine.hpp"
 #include "internal/replacement_file.hpp"
 
@@ -52,6 +54,8 @@ constexpr std::size_t stream_buffer_size = 4096;
 // The pending bytes of the writer must fit the line buffer with its zero.
 constexpr int max_pending = ini_buffer_size - 1;
 
+// ---- the line syntax --------------------------------------------------------
+
 // Bytes 1..32 and, taken as signed, every byte from 0x80 on are blanks:
 // non-ASCII bytes at the edges of keys and values are trimmed like spaces.
 constexpr bool is_blank(char c) noexcept {
@@ -65,15 +69,15 @@ char *skipleading(char *str) noexcept {
 }
 
 // Walks back from str over blanks, never before base.
-char *skiptrailing(char *str, const char *base) noexcept {
+const char *skiptrailing(const char *str, const char *base) noexcept {
     while (str > base && is_blank(str[-1]))
         --str;
     return str;
 }
 
 char *trim_trailing_blanks(char *str) noexcept {
-    char *end = skiptrailing(str + std::strlen(str), str);
-    *end = '\0';
+    const std::size_t length = std::strlen(str);
+    str[skiptrailing(str + length, str) - str] = '\0';
     return str;
 }
 
@@ -83,10 +87,15 @@ char *find_separator(char *line) noexcept {
     return sep != nullptr ? sep : std::strchr(line, ':');
 }
 
+// A name argument of the interface; NULL stands for the empty name.
+std::string_view name_of(const char *name) noexcept {
+    return name != nullptr ? std::string_view(name) : std::string_view();
+}
+
 // Names compare case-insensitively over equal lengths.
-bool names_match(const char *name, std::size_t length, const char *wanted,
-                 std::size_t wanted_length) noexcept {
-    return length == wanted_length && (length == 0 || strncasecmp(name, wanted, length) == 0);
+bool names_match(std::string_view name, std::string_view wanted) noexcept {
+    return name.size() == wanted.size() &&
+           (name.empty() || strncasecmp(name.data(), wanted.data(), name.size()) == 0);
 }
 
 // Cuts the value at a ";" or "#" outside double quotes and at its trailing
@@ -117,12 +126,177 @@ char *clean_value(char *string, quote_mode *quotes) noexcept {
     return string;
 }
 
+enum class line_kind { section_header, key_value, comment, other };
+
+// One line as the engine's syntax sees it; the pointers are into the line
+// buffer, which the line's owner may cut at them.
+struct ini_line {
+    line_kind kind;
+    char *start; // the first significant byte
+    char *end;   // a header's first "]", a key line's separator, else nullptr
+
+    // Any line that begins with "[" ends the keys of a section, whether it is
+    // a header or not.
+    bool opens_section() const noexcept { return *start == '['; }
+
+    std::string_view section_name() const noexcept {
+        return {start + 1, static_cast<std::size_t>(end - start - 1)};
+    }
+
+    // The key: the text before the separator without its trailing blanks.
+    std::string_view key_before(const char *separator) const noexcept {
+        return {start, static_cast<std::size_t>(skiptrailing(separator, start) - start)};
+    }
+    std::string_view key() const noexcept { return key_before(end); }
+
+    // The separator of a line of any kind: the writer looks for its key on
+    // comment and header lines as well (deliberate), where the readers do not.
+    char *any_separator() const noexcept {
+        if (kind == line_kind::comment || kind == line_kind::section_header)
+            return find_separator(start);
+        return end;
+    }
+};
+
+// The one classifier of every entry point. A header begins with "[" and holds
+// a "]"; a comment begins with ";" or "#"; a key line is any other line with
+// a separator. A line that begins with "[" but has no "]" is no header.
+ini_line classify_line(char *text) noexcept {
+    char *sp = skipleading(text);
+    if (*sp == '[') {
+        if (char *ep = std::strchr(sp, ']'); ep != nullptr)
+            return {line_kind::section_header, sp, ep};
+    } else if (*sp == ';' || *sp == '#') {
+        return {line_kind::comment, sp, nullptr};
+    }
+    if (char *sep = find_separator(sp); sep != nullptr)
+        return {line_kind::key_value, sp, sep};
+    return {line_kind::other, sp, nullptr};
+}
+
+// ---- reading lines ----------------------------------------------------------
+
+// The readers' lines: plain fgets into an area of the caller's buffer.
+class stream_lines {
+  public:
+    stream_lines(FILE *fp, char *area, int room) noexcept : fp_(fp), area_(area), room_(room) {}
+
+    bool next_line() noexcept { return std::fgets(area_, room_, fp_) != nullptr; }
+    char *line() const noexcept { return area_; }
+    int room() const noexcept { return room_; }
+    // Lines from now on are read into another area.
+    void read_into(char *area, int room) noexcept {
+        area_ = area;
+        room_ = room;
+    }
+
+  private:
+    FILE *fp_;
+    char *area_;
+    int room_;
+};
+
+// Walks a file's lines as sections: where a section begins (its first header
+// of a name, or the header at a position) and where its keys end (the next
+// line that begins with "["). Lines come from the readers' plain reads or from
+// the writer's counted ones, so that all entry points agree on both.
+template <typename Lines> class section_cursor {
+  public:
+    explicit section_cursor(Lines &lines) noexcept : lines_(lines) {}
+
+    // Reads and classifies the next line; false at the end of the file.
+    bool next() noexcept {
+        if (!lines_.next_line())
+            return false;
+        line_ = classify_line(lines_.line());
+        return true;
+    }
+    const ini_line &line() const noexcept { return line_; }
+
+    // Reads on to the first header named `name`, handing every line before
+    // it to `passed`; false at the end of the file.
+    template <typename Passed> bool seek_header(std::string_view name, Passed passed) noexcept {
+        while (next()) {
+            if (line_.kind == line_kind::section_header && names_match(line_.section_name(), name))
+                return true;
+            passed();
+        }
+        return false;
+    }
+
+    // The unnamed section begins at the first line, any other behind its
+    // first header.
+    bool enter(std::string_view name) noexcept {
+        return name.empty() || seek_header(name, [] {});
+    }
+
+    // Reads on to the header at `index`, counted from 0. Deliberate: a header
+    // with an empty name ends the count as not found, so no section behind
+    // a "[]" can be reached by position.
+    bool seek_header_at(int index) noexcept {
+        int idx = -1;
+        while (next()) {
+            if (line_.kind != line_kind::section_header)
+                continue;
+            if (line_.section_name().empty())
+                return false;
+            if (++idx == index)
+                return true;
+        }
+        return false;
+    }
+
+    // Reads on to the section's first key line whose key is `name`.
+    bool seek_key(std::string_view name) noexcept {
+        while (next_key_line()) {
+            if (names_match(line_.key(), name))
+                return true;
+        }
+        return false;
+    }
+
+    // Reads on to the section's key line at `index`, counted from 0.
+    // Deliberate: a key line with an empty key ends the count as not found.
+    bool seek_key_at(int index) noexcept {
+        int idx = -1;
+        while (next_key_line()) {
+            if (line_.key().empty())
+                return false;
+            if (++idx == index)
+                return true;
+        }
+        return false;
+    }
+
+  private:
+    // The next key line of the section; comments and other lines are passed.
+    bool next_key_line() noexcept {
+        while (next() && !line_.opens_section()) {
+            if (line_.kind == line_kind::key_value)
+                return true;
+        }
+        return false;
+    }
+
+    Lines &lines_;
+    ini_line line_{line_kind::other, nullptr, nullptr};
+};
+
 // Opens a stream whose buffer is the caller's, so stdio does not allocate one.
-FILE *open_stream(const char *name, const char *mode, char (&buffer)[stream_buffer_size]) noexcept {
-    FILE *fp = std::fopen(name, mode);
-    if (fp != nullptr)
-        std::setvbuf(fp, buffer, _IOFBF, sizeof buffer);
+file_guard open_stream(const char *name, const char *mode,
+                       char (&buffer)[stream_buffer_size]) noexcept {
+    file_guard fp(std::fopen(name, mode));
+    if (fp)
+        std::setvbuf(fp.get(), buffer, _IOFBF, sizeof buffer);
     return fp;
+}
+
+// Runs one search on the named file; false when the file cannot be opened
+// or the search finds nothing.
+template <typename Search> bool search_file(const char *filename, Search search) noexcept {
+    char stream_buffer[stream_buffer_size];
+    file_guard fp = open_stream(filename, "r", stream_buffer);
+    return fp && search(fp.get());
 }
 
 // Reads like fgets (at most size - 1 bytes, up to and including a line feed)
@@ -206,78 +380,46 @@ char *save_strncpy(char *dest, const char *source, std::size_t maxlen, quote_mod
     return dest;
 }
 
-// A negative index means "search by name". With a section index the section
-// phase alone decides and the section's name is copied; with a key index the
-// key's name is copied; otherwise the key's cleaned value.
-bool getkeystring(FILE *fp, const char *Section, const char *Key, int idxSection, int idxKey,
-                  char *Buffer, int BufferSize) noexcept {
+bool getkeystring(FILE *fp, const char *Section, wanted_key wanted, char *Buffer,
+                  int BufferSize) noexcept {
+    const auto [Key, idxKey] = wanted;
     INI_ASSERT(Key != NULL || idxKey >= 0);
     char LocalBuffer[ini_buffer_size];
-    char *sp = nullptr;
-    char *ep = nullptr;
-
-    const std::size_t section_length = Section != nullptr ? std::strlen(Section) : 0;
-    if (idxSection >= 0 || section_length > 0) {
-        int idx = -1;
-        for (;;) {
-            if (std::fgets(LocalBuffer, sizeof LocalBuffer, fp) == nullptr)
-                return false;
-            sp = skipleading(LocalBuffer);
-            ep = std::strchr(sp, ']');
-            if (*sp != '[' || ep == nullptr)
-                continue;
-            if (names_match(sp + 1, static_cast<std::size_t>(ep - sp - 1), Section, section_length))
-                break;
-            if (++idx == idxSection)
-                break;
-        }
-        if (idxSection >= 0) {
-            // Deliberate: enumerating with no name, a "[]" header matches the
-            // empty name and ends the enumeration as not found.
-            if (idx != idxSection)
-                return false;
-            INI_TEST_SEAM(ep);
-            INI_ASSERT(*ep == ']');
-            *ep = '\0';
-            save_strncpy(Buffer, sp + 1, static_cast<std::size_t>(BufferSize), quote_mode::plain);
-            return true;
-        }
-    }
-
-    const std::size_t key_length = Key != nullptr ? std::strlen(Key) : 0;
-    int idx = -1;
-    for (;;) {
-        if (std::fgets(LocalBuffer, sizeof LocalBuffer, fp) == nullptr)
+    stream_lines lines(fp, LocalBuffer, sizeof LocalBuffer);
+    section_cursor cursor(lines);
+    if (!cursor.enter(name_of(Section)))
+        return false;
+    if (idxKey.has_value()) {
+        if (!cursor.seek_key_at(*idxKey))
             return false;
-        sp = skipleading(LocalBuffer);
-        if (*sp == '[')
-            return false; // the next section begins
-        if (*sp == ';' || *sp == '#')
-            continue;
-        ep = find_separator(sp);
-        if (ep == nullptr)
-            continue;
-        const char *key_end = skiptrailing(ep, sp);
-        // Deliberate: enumerating by index, an empty key matches the missing
-        // name and ends the enumeration.
-        if (names_match(sp, static_cast<std::size_t>(key_end - sp), Key, key_length))
-            break;
-        if (++idx == idxKey)
-            break;
-    }
-    if (idxKey >= 0) {
-        if (idx != idxKey)
-            return false;
-        *ep = '\0';
-        trim_trailing_blanks(sp);
-        save_strncpy(Buffer, sp, static_cast<std::size_t>(BufferSize), quote_mode::plain);
+        *cursor.line().end = '\0';
+        save_strncpy(Buffer, trim_trailing_blanks(cursor.line().start),
+                     static_cast<std::size_t>(BufferSize), quote_mode::plain);
         return true;
     }
+    if (!cursor.seek_key(name_of(Key)))
+        return false;
+    char *ep = cursor.line().end;
     INI_TEST_SEAM(ep);
     INI_ASSERT(*ep == '=' || *ep == ':');
     quote_mode quotes;
     char *value = clean_value(skipleading(ep + 1), &quotes);
     save_strncpy(Buffer, value, static_cast<std::size_t>(BufferSize), quotes);
+    return true;
+}
+
+bool getkeystring(FILE *fp, section_at wanted, char *Buffer, int BufferSize) noexcept {
+    char LocalBuffer[ini_buffer_size];
+    stream_lines lines(fp, LocalBuffer, sizeof LocalBuffer);
+    section_cursor cursor(lines);
+    if (!cursor.seek_header_at(wanted.idxSection))
+        return false;
+    char *ep = cursor.line().end;
+    INI_TEST_SEAM(ep);
+    INI_ASSERT(*ep == ']');
+    *ep = '\0';
+    save_strncpy(Buffer, cursor.line().start + 1, static_cast<std::size_t>(BufferSize),
+                 quote_mode::plain);
     return true;
 }
 
@@ -349,8 +491,10 @@ void make_temp_name(char *LocalBuffer, const char *Filename) noexcept {
 
 // One rewrite of the source into the temporary file. Invariant: the bytes
 // between the mark and the start of the line just read are the pending ones.
-// The first failed read, seek or write ends the rewrite: from then on
-// nothing more is read or written, and failed() tells the caller.
+// A flush leaves the source at the mark, so the line just read is read again
+// by the next read. The first failed read, seek or write ends the rewrite:
+// from then on nothing more is read or written, and failed() tells the
+// caller.
 class rewrite {
   public:
     rewrite(FILE *rfp, FILE *wfp, char *buffer) noexcept : rfp_(rfp), wfp_(wfp), buffer_(buffer) {
@@ -404,6 +548,13 @@ class rewrite {
         drop_line();
     }
 
+    // Copies every line from the current one on.
+    void keep_the_rest() noexcept {
+        while (next_line())
+            keep_line();
+        flush();
+    }
+
     // The composed lines; nothing is written once something has failed.
     void put_line_feed() noexcept { failed_ = failed_ || !write_text(wfp_, "\n"); }
     void put_section_line(const char *Section) noexcept {
@@ -423,90 +574,150 @@ class rewrite {
     bool failed_ = false;
 };
 
-// Copies the source into the temporary file with the one change asked for:
-// find the section, then the key in it, then copy the rest.
-void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char *Value) noexcept {
-    const bool setting = Key != nullptr && Value != nullptr;
-    const std::size_t section_length = Section != nullptr ? std::strlen(Section) : 0;
-    const std::size_t key_length = Key != nullptr ? std::strlen(Key) : 0;
+// One change of ini_puts: the key to set (Key and Value), the key to delete
+// (Value NULL) or the section to delete (Key NULL).
+struct change {
+    const char *Section;
+    const char *Key;
+    const char *Value;
 
-    if (section_length > 0) {
-        for (;;) {
-            if (!rw.next_line()) {
-                // No such section: append it, on a line of its own.
-                const int ended_with_line_feed = rw.flush();
-                if (setting) {
-                    if (!ended_with_line_feed)
-                        rw.put_line_feed();
-                    rw.put_section_line(Section);
-                    rw.put_key_line(Key, Value);
-                }
-                return;
-            }
-            char *sp = skipleading(rw.line());
-            const char *ep = std::strchr(sp, ']');
-            if (*sp == '[' && ep != nullptr &&
-                names_match(sp + 1, static_cast<std::size_t>(ep - sp - 1), Section,
-                            section_length)) {
-                if (Key != nullptr) {
-                    rw.keep_line();
-                } else {
-                    rw.flush();
-                    rw.drop_line_at_mark(); // the header of the deleted section
-                }
-                break;
-            }
-            rw.keep_line();
-        }
+    bool setting() const noexcept { return Key != nullptr && Value != nullptr; }
+};
+
+// At the end of the file: the pending lines are written, then, when
+// setting, the new lines on a line of their own.
+void put_at_end(rewrite &rw, const change &ch, bool with_section) noexcept {
+    const int ended_with_line_feed = rw.flush();
+    if (!ch.setting())
+        return;
+    if (!ended_with_line_feed)
+        rw.put_line_feed();
+    if (with_section)
+        rw.put_section_line(ch.Section);
+    rw.put_key_line(ch.Key, ch.Value);
+}
+
+// Copies the lines before the section's header and deals with the header:
+// kept when a key changes, dropped when the section goes. False when the
+// file has no such section; it is then appended when setting, and the
+// rewrite is complete.
+bool seek_section_to_rewrite(section_cursor<rewrite> &cursor, rewrite &rw,
+                             const change &ch) noexcept {
+    if (!cursor.seek_header(name_of(ch.Section), [&rw] { rw.keep_line(); })) {
+        put_at_end(rw, ch, true);
+        return false;
     }
+    if (ch.Key != nullptr) {
+        rw.keep_line();
+    } else {
+        rw.flush();
+        rw.drop_line_at_mark(); // the header of the deleted section
+    }
+    return true;
+}
 
-    rw.flush();
-    // Deliberate: deleting the unnamed part drops the file's first line
-    // whatever it is, a header included.
-    if (section_length == 0 && Key == nullptr)
-        rw.drop_line_at_mark();
-
-    for (;;) {
-        if (!rw.next_line()) {
-            const int ended_with_line_feed = rw.flush();
-            if (setting) {
-                if (!ended_with_line_feed)
-                    rw.put_line_feed();
-                rw.put_key_line(Key, Value);
-            }
-            return;
-        }
-        char *sp = skipleading(rw.line());
-        const bool starts_header = *sp == '[';
-        char *ep = find_separator(sp);
+// Walks the section's lines up to the wanted key, the section's end or the
+// end of the file, and makes the change there; the other lines of the
+// section are kept, or dropped when the section goes (comments and blank
+// lines too). True when lines are left to copy.
+bool rewrite_section(section_cursor<rewrite> &cursor, rewrite &rw, const change &ch) noexcept {
+    const std::string_view key = name_of(ch.Key);
+    while (cursor.next()) {
+        const ini_line &line = cursor.line();
+        const bool opens_section = line.opens_section();
         // Deliberate: deleting a section (no key) matches a line that starts
         // with its separator, and keeps the lines after it.
-        if (ep != nullptr &&
-            names_match(sp, static_cast<std::size_t>(skiptrailing(ep, sp) - sp), Key, key_length)) {
+        const char *separator = line.any_separator();
+        const bool matches = separator != nullptr && names_match(line.key_before(separator), key);
+        if (matches || opens_section) {
+            // A new key goes behind the section's last line; a header is
+            // copied with the rest, and so is a matched line that begins
+            // with "[".
             rw.flush();
-            if (setting)
-                rw.put_key_line(Key, Value);
-            if (!starts_header)
+            if (ch.setting())
+                rw.put_key_line(ch.Key, ch.Value);
+            if (matches && !opens_section)
                 rw.drop_line_at_mark();
-            break; // a kept line is copied with the rest
+            return true;
         }
-        if (starts_header) {
-            // The section ends: a new key goes behind its last line. The
-            // header is copied with the rest.
-            rw.flush();
-            if (setting)
-                rw.put_key_line(Key, Value);
-            break;
-        }
-        if (Key == nullptr)
-            rw.drop_line(); // comments and blank lines of the section too
+        if (ch.Key == nullptr)
+            rw.drop_line();
         else
             rw.keep_line();
     }
+    put_at_end(rw, ch, false);
+    return false;
+}
 
-    while (rw.next_line())
-        rw.keep_line();
+// Copies the source into the temporary file with the one change asked for:
+// find the section, then the key in it, then copy the rest.
+void rewrite_file(rewrite &rw, const change &ch) noexcept {
+    section_cursor cursor(rw);
+    const bool unnamed = name_of(ch.Section).empty();
+    if (!unnamed && !seek_section_to_rewrite(cursor, rw, ch))
+        return;
     rw.flush();
+    // Deliberate: deleting the unnamed part drops the file's first line
+    // whatever it is, a header included.
+    if (unnamed && ch.Key == nullptr)
+        rw.drop_line_at_mark();
+    if (rewrite_section(cursor, rw, ch))
+        rw.keep_the_rest();
+}
+
+// No file to change: a new one gets the section and key lines. A file that
+// did not exist before is not left behind half written.
+int create_ini_file(const change &ch, const char *Filename, char *LocalBuffer) noexcept {
+    char write_buffer[stream_buffer_size];
+    FILE *wfp = open_stream(Filename, "w", write_buffer).release();
+    if (wfp == nullptr)
+        return 0;
+    const bool written = write_section_line(wfp, ch.Section, LocalBuffer) &&
+                         write_key_line(wfp, ch.Key, ch.Value, LocalBuffer);
+    if (!close_written_stream(wfp) || !written) {
+        ::unlink(Filename);
+        return 0;
+    }
+    return 1;
+}
+
+enum class stored_value { same, different, unreadable };
+
+// Whether the key already has the value, as read back (cleaned and
+// dequoted); otherwise the source is back at its start.
+stored_value compare_stored_value(FILE *rfp, const change &ch, char *LocalBuffer) noexcept {
+    const bool found =
+        getkeystring(rfp, ch.Section, wanted_key::named(ch.Key), LocalBuffer, ini_buffer_size);
+    if (found && std::strcmp(LocalBuffer, ch.Value) == 0)
+        return stored_value::same;
+    if (std::ferror(rfp) != 0 || std::fseek(rfp, 0, SEEK_SET) != 0)
+        return stored_value::unreadable;
+    return stored_value::different;
+}
+
+// Writes the changed copy under the temporary name and puts it in place of
+// the file; the file stays as it was when anything fails.
+int replace_ini_file(file_guard &source, const change &ch, const char *Filename,
+                     char *LocalBuffer) noexcept {
+    char write_buffer[stream_buffer_size];
+    char temp_name[ini_buffer_size];
+    make_temp_name(temp_name, Filename);
+    replacement_file temp;
+    FILE *wfp = temp.create(temp_name, write_buffer, sizeof write_buffer);
+    if (wfp == nullptr)
+        return 0;
+    rewrite rw(source.get(), wfp, LocalBuffer);
+    rewrite_file(rw, ch);
+    // Only a read stream: its close cannot lose anything.
+    source.reset();
+    if (rw.failed()) {
+        temp.discard();
+        return 0;
+    }
+    // The temporary file is removed again when it could not be completed;
+    // otherwise it replaces the file, and whether that rename (or the
+    // fallback of remove and rename) worked is not examined.
+    return temp.commit(Filename) ? 1 : 0;
 }
 
 } // namespace
@@ -515,18 +726,72 @@ void rewrite_file(rewrite &rw, const char *Section, const char *Key, const char 
 
 using namespace qx::detail;
 
+namespace {
+
+// The line buffer holds the current section name with its zero at the front;
+// lines are read into the rest of it, so after a long section name the lines
+// are read in smaller pieces.
+class browser {
+  public:
+    browser(ini_browse_callback callback, void *user_data, bool report_sections) noexcept
+        : callback_(callback), user_data_(user_data), report_sections_(report_sections) {}
+
+    void run(FILE *fp) noexcept {
+        buffer_[0] = '\0';
+        stream_lines lines(fp, buffer_ + 1, ini_buffer_size - 1);
+        section_cursor cursor(lines);
+        while (cursor.next()) {
+            const ini_line &line = cursor.line();
+            if (line.kind == line_kind::section_header) {
+                if (!enter_section(line, lines))
+                    return;
+            } else if (line.kind == line_kind::key_value) {
+                if (!report_key(line, lines.line(), lines.room()))
+                    return;
+            }
+        }
+    }
+
+  private:
+    // Moves the name to the front of the buffer; false to stop.
+    bool enter_section(const ini_line &line, stream_lines &lines) noexcept {
+        *line.end = '\0';
+        save_strncpy(buffer_, line.start + 1, ini_buffer_size, quote_mode::plain);
+        const std::size_t section_room = std::strlen(buffer_) + 1;
+        lines.read_into(buffer_ + section_room, static_cast<int>(ini_buffer_size - section_room));
+        return !report_sections_ || callback_(buffer_, nullptr, nullptr, user_data_) != 0;
+    }
+
+    // Moves key and value to the front of the line's area, the value behind
+    // the key's zero in the room that is left; false to stop.
+    bool report_key(const ini_line &line, char *area, int room) noexcept {
+        *line.end = '\0';
+        trim_trailing_blanks(line.start);
+        save_strncpy(area, line.start, static_cast<std::size_t>(room), quote_mode::plain);
+        const std::size_t key_room = std::strlen(area) + 1;
+        quote_mode quotes;
+        char *value = clean_value(skipleading(line.end + 1), &quotes);
+        save_strncpy(area + key_room, value, static_cast<std::size_t>(room) - key_room, quotes);
+        return callback_(buffer_, area, area + key_room, user_data_) != 0;
+    }
+
+    ini_browse_callback callback_;
+    void *user_data_;
+    bool report_sections_;
+    char buffer_[ini_buffer_size];
+};
+
+} // namespace
+
 extern "C" {
 
 QX_API int ini_gets(const char *section, const char *key, const char *def_value, char *buffer,
                     int buffer_size, const char *filename) {
     if (buffer == nullptr || buffer_size <= 0 || key == nullptr)
         return 0;
-    char stream_buffer[stream_buffer_size];
-    bool found = false;
-    if (FILE *fp = open_stream(filename, "r", stream_buffer); fp != nullptr) {
-        found = getkeystring(fp, section, key, -1, -1, buffer, buffer_size);
-        std::fclose(fp);
-    }
+    const bool found = search_file(filename, [&](FILE *fp) {
+        return getkeystring(fp, section, wanted_key::named(key), buffer, buffer_size);
+    });
     if (!found)
         save_strncpy(buffer, def_value, static_cast<std::size_t>(buffer_size), quote_mode::plain);
     return static_cast<int>(std::strlen(buffer));
@@ -569,12 +834,9 @@ QX_API int ini_getbool(const char *section, const char *key, int def_value, cons
 QX_API int ini_getsection(int index, char *buffer, int buffer_size, const char *filename) {
     if (buffer == nullptr || buffer_size <= 0 || index < 0)
         return 0;
-    char stream_buffer[stream_buffer_size];
-    bool found = false;
-    if (FILE *fp = open_stream(filename, "r", stream_buffer); fp != nullptr) {
-        found = getkeystring(fp, nullptr, nullptr, index, 0, buffer, buffer_size);
-        std::fclose(fp);
-    }
+    const bool found = search_file(filename, [&](FILE *fp) {
+        return getkeystring(fp, section_at{index}, buffer, buffer_size);
+    });
     if (!found)
         *buffer = '\0';
     return static_cast<int>(std::strlen(buffer));
@@ -584,62 +846,23 @@ QX_API int ini_getkey(const char *section, int index, char *buffer, int buffer_s
                       const char *filename) {
     if (buffer == nullptr || buffer_size <= 0 || index < 0)
         return 0;
-    char stream_buffer[stream_buffer_size];
-    bool found = false;
-    if (FILE *fp = open_stream(filename, "r", stream_buffer); fp != nullptr) {
-        found = getkeystring(fp, section, nullptr, -1, index, buffer, buffer_size);
-        std::fclose(fp);
-    }
+    const bool found = search_file(filename, [&](FILE *fp) {
+        return getkeystring(fp, section, wanted_key::at(index), buffer, buffer_size);
+    });
     if (!found)
         *buffer = '\0';
     return static_cast<int>(std::strlen(buffer));
 }
 
-// The line buffer holds the current section name with its zero at the front;
-// lines are read into the rest of it, so after a long section name the lines
-// are read in smaller pieces.
 QX_API int ini_browse_int(ini_browse_callback callback, void *user_data, const char *filename,
                           int flags) {
     if (callback == nullptr)
         return 0;
     char stream_buffer[stream_buffer_size];
-    FILE *fp = open_stream(filename, "r", stream_buffer);
-    if (fp == nullptr)
+    const file_guard fp = open_stream(filename, "r", stream_buffer);
+    if (!fp)
         return 0;
-    char LocalBuffer[ini_buffer_size];
-    LocalBuffer[0] = '\0';
-    std::size_t section_room = 1; // the name and its zero
-    for (;;) {
-        char *line = LocalBuffer + section_room;
-        const int line_room = static_cast<int>(ini_buffer_size - section_room);
-        if (std::fgets(line, line_room, fp) == nullptr)
-            break;
-        char *sp = skipleading(line);
-        if (char *ep = std::strchr(sp, ']'); *sp == '[' && ep != nullptr) {
-            *ep = '\0';
-            save_strncpy(LocalBuffer, sp + 1, ini_buffer_size, quote_mode::plain);
-            section_room = std::strlen(LocalBuffer) + 1;
-            if ((flags & 1) != 0 && callback(LocalBuffer, nullptr, nullptr, user_data) == 0)
-                break;
-            continue;
-        }
-        if (*sp == '\0' || *sp == ';' || *sp == '#')
-            continue;
-        char *ep = find_separator(sp);
-        if (ep == nullptr)
-            continue;
-        *ep = '\0';
-        trim_trailing_blanks(sp);
-        save_strncpy(line, sp, static_cast<std::size_t>(line_room), quote_mode::plain);
-        const std::size_t key_room = std::strlen(line) + 1;
-        quote_mode quotes;
-        char *value = clean_value(skipleading(ep + 1), &quotes);
-        save_strncpy(line + key_room, value, static_cast<std::size_t>(line_room) - key_room,
-                     quotes);
-        if (callback(LocalBuffer, line, line + key_room, user_data) == 0)
-            break;
-    }
-    std::fclose(fp);
+    browser(callback, user_data, (flags & 1) != 0).run(fp.get());
     return 1;
 }
 
@@ -654,61 +877,26 @@ QX_API int ini_browse_with_section_cb(ini_browse_callback callback, void *user_d
 
 QX_API int ini_puts(const char *section, const char *key, const char *value, const char *Filename) {
     INI_ASSERT(Filename != NULL);
+    const change ch{section, key, value};
     char LocalBuffer[ini_buffer_size];
     char read_buffer[stream_buffer_size];
-    char write_buffer[stream_buffer_size];
-
-    FILE *rfp = open_stream(Filename, "r", read_buffer);
-    if (rfp == nullptr) {
-        if (key == nullptr || value == nullptr)
+    file_guard source = open_stream(Filename, "r", read_buffer);
+    if (!source) {
+        if (!ch.setting())
             return 1; // nothing to delete
-        FILE *wfp = open_stream(Filename, "w", write_buffer);
-        if (wfp == nullptr)
-            return 0;
-        const bool written = write_section_line(wfp, section, LocalBuffer) &&
-                             write_key_line(wfp, key, value, LocalBuffer);
-        // A file that did not exist before is not left behind half written.
-        if (!close_written_stream(wfp) || !written) {
-            ::unlink(Filename);
-            return 0;
-        }
-        return 1;
+        return create_ini_file(ch, Filename, LocalBuffer);
     }
-
-    if (key != nullptr && value != nullptr) {
-        // The same value as read back: leave the file untouched.
-        const bool found = getkeystring(rfp, section, key, -1, -1, LocalBuffer, sizeof LocalBuffer);
-        if (found && std::strcmp(LocalBuffer, value) == 0) {
-            std::fclose(rfp);
-            return 1;
-        }
-        if (std::ferror(rfp) != 0 || std::fseek(rfp, 0, SEEK_SET) != 0) {
-            std::fclose(rfp);
+    if (ch.setting()) {
+        switch (compare_stored_value(source.get(), ch, LocalBuffer)) {
+        case stored_value::same:
+            return 1; // the file is left untouched
+        case stored_value::unreadable:
             return 0;
+        case stored_value::different:
+            break;
         }
     }
-
-    char temp_name[ini_buffer_size];
-    make_temp_name(temp_name, Filename);
-    replacement_file temp;
-    FILE *wfp = temp.create(temp_name, write_buffer, sizeof write_buffer);
-    if (wfp == nullptr) {
-        std::fclose(rfp);
-        return 0;
-    }
-    rewrite rw(rfp, wfp, LocalBuffer);
-    rewrite_file(rw, section, key, value);
-    const bool copied = !rw.failed();
-    // Only a read stream: its close cannot lose anything.
-    std::fclose(rfp);
-    if (!copied) {
-        temp.discard();
-        return 0;
-    }
-    // The temporary file is removed again when it could not be completed;
-    // otherwise it replaces the file, and whether that rename (or the
-    // fallback of remove and rename) worked is not examined.
-    return temp.commit(Filename) ? 1 : 0;
+    return replace_ini_file(source, ch, Filename, LocalBuffer);
 }
 
 QX_API int ini_putl(const char *section, const char *key, long value, const char *filename) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <unistd.h>
@@ -68,6 +69,38 @@ class fd_guard {
 
   private:
     int fd_;
+};
+
+// Owns a stdio stream and closes it on scope exit, keeping errno as
+// fd_guard does. Meant for streams that are only read: the close of a
+// written stream can lose data, so such a stream is released and closed
+// where its result is examined.
+class file_guard {
+  public:
+    explicit file_guard(std::FILE *stream = nullptr) noexcept : stream_(stream) {}
+    file_guard(file_guard &&other) noexcept : stream_(other.release()) {}
+    file_guard &operator=(file_guard &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    file_guard(const file_guard &) = delete;
+    file_guard &operator=(const file_guard &) = delete;
+    ~file_guard() { reset(); }
+
+    std::FILE *get() const noexcept { return stream_; }
+    explicit operator bool() const noexcept { return stream_ != nullptr; }
+    // Gives up ownership without closing.
+    std::FILE *release() noexcept { return std::exchange(stream_, nullptr); }
+    void reset(std::FILE *stream = nullptr) noexcept {
+        if (stream_ != nullptr) {
+            errno_keeper keep;
+            std::fclose(stream_);
+        }
+        stream_ = stream;
+    }
+
+  private:
+    std::FILE *stream_;
 };
 
 } // namespace qx::detail

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <optional>
 
 namespace qx::detail {
 
@@ -15,10 +16,29 @@ enum class quote_mode : int { plain = 0, enquote = 1, dequote = 2 };
 // Bounded copy: never writes more than maxlen bytes, always terminates.
 char *save_strncpy(char *dest, const char *source, std::size_t maxlen, quote_mode option) noexcept;
 
-// Finds a key (by name or by index) in a section (by name or by index) of the
-// open file and copies the value, key name or section name into Buffer.
-bool getkeystring(FILE *fp, const char *Section, const char *Key, int idxSection, int idxKey,
-                  char *Buffer, int BufferSize) noexcept;
+// The key a lookup wants in its section: the first one named Key, whose
+// cleaned value is copied, or the one at position idxKey (counted from 0),
+// whose name is copied. A request with neither is a programming error.
+struct wanted_key {
+    const char *Key;
+    std::optional<int> idxKey;
+
+    static wanted_key named(const char *Key) noexcept { return {Key, std::nullopt}; }
+    static wanted_key at(int idxKey) noexcept { return {nullptr, idxKey}; }
+};
+
+// The section header at a position of the file, counted from 0.
+struct section_at {
+    int idxSection;
+};
+
+// The engine's search, in its two forms. In the first section named Section
+// (the part before the first header when Section is NULL or empty), finds the
+// wanted key and copies its value or name into Buffer; or finds the header at
+// a position and copies the section's name. False when there is none.
+bool getkeystring(FILE *fp, const char *Section, wanted_key wanted, char *Buffer,
+                  int BufferSize) noexcept;
+bool getkeystring(FILE *fp, section_at wanted, char *Buffer, int BufferSize) noexcept;
 
 // Writes the *size bytes read since *mark from rfp to wfp; see ini_engine.cpp.
 // -1 when a seek, read or write failed.
