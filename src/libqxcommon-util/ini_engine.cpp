@@ -149,8 +149,8 @@ struct ini_line {
     }
     std::string_view key() const noexcept { return key_before(end); }
 
-    // The separator of a line of any kind: the writer looks for its key on
-    // comment and header lines as well (deliberate), where the readers do not.
+    // The separator of a line of any kind: unlike the readers, the writer
+    // looks for its key on comment and header lines as well.
     char *any_separator() const noexcept {
         if (kind == line_kind::comment || kind == line_kind::section_header)
             return find_separator(start);
@@ -230,9 +230,9 @@ template <typename Lines> class section_cursor {
         return name.empty() || seek_header(name, [] {});
     }
 
-    // Reads on to the header at `index`, counted from 0. Deliberate: a header
-    // with an empty name ends the count as not found, so no section behind
-    // a "[]" can be reached by position.
+    // Reads on to the header at `index`, counted from 0.
+    // Deliberate: a header with an empty name ends the count as not found.
+    // So no section behind a "[]" can be reached by position.
     bool seek_header_at(int index) noexcept {
         int idx = -1;
         while (next()) {
@@ -330,8 +330,9 @@ bool write_text(FILE *fp, const char *text) noexcept {
 }
 
 // A value that would not read back as written gets quotes: one holding a
-// double quote, ";" or "#", or ending with a space. Leading blanks and
-// trailing tabs are not protected and get lost on reading (deliberate).
+// double quote, ";" or "#", or ending with a space.
+// Deliberate: leading blanks and trailing tabs get no quotes and are lost.
+// They read back without them, as the readers clean every value.
 bool check_enquote(const char *Value) noexcept {
     const std::size_t length = std::strlen(Value);
     return std::strpbrk(Value, "\";#") != nullptr || (length > 0 && Value[length - 1] == ' ');
@@ -802,7 +803,7 @@ QX_API long ini_getl(const char *section, const char *key, long def_value, const
     const int length = ini_gets(section, key, "", text, sizeof text, filename);
     if (length == 0)
         return def_value;
-    // "0x1F" is hexadecimal, and so is "1x" (deliberate); "-0x10" is not.
+    // Deliberate: "1x" is read as hexadecimal, like "0x1F"; "-0x10" is not.
     const int base = (length > 1 && (text[1] == 'x' || text[1] == 'X')) ? 16 : 10;
     return std::strtol(text, nullptr, base);
 }

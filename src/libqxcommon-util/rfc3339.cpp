@@ -2,6 +2,7 @@
 #include "qxcommon-util/rfc3339.h"
 
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace qx::detail {
@@ -16,10 +17,14 @@ constexpr unsigned long seconds_per_minute = 60;
 // are not bounded: from 100 hours on they take three digits or more, and the
 // six-byte text then keeps only what fits (100 hours give "100:0"). Zone
 // files can hold such offsets, and callers see the text cut this way.
-// Returns the length of the whole text, as snprintf counts it.
-int format_offset(unsigned long offset, char (&text)[6]) noexcept {
-    return std::snprintf(text, sizeof text, "%02lu:%02lu", offset / seconds_per_hour,
-                         offset % seconds_per_hour / seconds_per_minute);
+// The whole text is formatted apart and its first five characters kept, as
+// snprintf into the six bytes would keep them ("00:00" is the shortest).
+void format_offset(unsigned long offset, char (&text)[6]) noexcept {
+    char whole[48];
+    std::snprintf(whole, sizeof whole, "%02lu:%02lu", offset / seconds_per_hour,
+                  offset % seconds_per_hour / seconds_per_minute);
+    std::memcpy(text, whole, sizeof text - 1);
+    text[sizeof text - 1] = '\0';
 }
 
 } // namespace
@@ -38,9 +43,9 @@ QX_API int rfc3339_date(time_t when, char *dest, size_t size) {
     if (local.tm_gmtoff != 0) {
         sign = local.tm_gmtoff > 0 ? '+' : '-';
         const long offset = local.tm_gmtoff;
-        (void)qx::detail::format_offset(offset > 0 ? static_cast<unsigned long>(offset)
-                                                   : 0UL - static_cast<unsigned long>(offset),
-                                        offset_text);
+        qx::detail::format_offset(offset > 0 ? static_cast<unsigned long>(offset)
+                                             : 0UL - static_cast<unsigned long>(offset),
+                                  offset_text);
     }
     return std::snprintf(dest, size, "%04d-%02d-%02dT%02d:%02d:%02d%c%s", local.tm_year + 1900,
                          local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
