@@ -2,6 +2,7 @@
 // forkandexec and process families.
 #include "internal/spawn.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -311,15 +312,39 @@ pid_t waitpid_resumed(pid_t pid, int *status, int options) noexcept {
     }
 }
 
-exit_watch::exit_watch(pid_t pid) noexcept {
+exit_watch::exit_watch(pid_t pid) noexcept : pid_(pid) {
 #ifdef SYS_pidfd_open
-    // A kernel without pidfds is no failure of the call: the pauses are
-    // then plain ones.
+    // A kernel without pidfds (before 5.3, or one emulated by valgrind) is
+    // no failure of the call: the pauses then look at the child between
+    // short sleeps instead.
     errno_keeper keep;
     pidfd_.reset(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-#else
-    (void)pid;
 #endif
+}
+
+bool exit_watch::pause_peeking(long long deadline) noexcept {
+    // Slices of 1, 2, 4, ... up to 32 ms: a quick command is seen at once,
+    // and one that runs on costs a few dozen wake-ups a second.
+    long long slice = nanoseconds_per_millisecond;
+    for (;;) {
+        siginfo_t info{};
+        const int seen =
+            ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT);
+        if (seen == 0 && info.si_pid == pid_)
+            return true;
+        if (seen != 0 && errno != EINTR) {
+            // Nothing to look at (already reaped, or not our child): the
+            // rest of the second is a plain pause.
+            peek_ = false;
+            sleep_until(deadline);
+            return false;
+        }
+        const long long now = monotonic_now();
+        if (now >= deadline)
+            return false;
+        sleep_until(std::min(deadline, now + slice));
+        slice = std::min(slice * 2, 32 * nanoseconds_per_millisecond);
+    }
 }
 
 bool exit_watch::pause_one_second() noexcept {
@@ -335,6 +360,8 @@ bool exit_watch::pause_one_second() noexcept {
             return false;
         pidfd_.reset();
     }
+    if (peek_)
+        return pause_peeking(deadline);
     sleep_until(deadline);
     return false;
 }

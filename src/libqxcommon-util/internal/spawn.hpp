@@ -114,9 +114,18 @@ class exit_watch {
     // it ended early because the child has ended.
     bool pause_one_second() noexcept;
     // From now on every pause lasts its whole second.
-    void plain_pauses_only() noexcept { pidfd_.reset(); }
+    void plain_pauses_only() noexcept {
+        pidfd_.reset();
+        peek_ = false;
+    }
 
   private:
+    // Without a pidfd: sleeps in short slices, looking between them whether
+    // the child has ended (without reaping it).
+    bool pause_peeking(long long deadline) noexcept;
+
+    pid_t pid_;
+    bool peek_ = true;
     fd_guard pidfd_;
 };
 
