@@ -17,6 +17,7 @@
 
 #include "qxcommon-util/strbuf.h"
 #include "qxcommon-util/timeoutio.h"
+#include "support/alarm_storm.hpp"
 #include "support/alloc_fail.hpp"
 #include "support/fd_snapshot.hpp"
 #include "support/syslog_capture.hpp"
@@ -401,22 +402,7 @@ class alarm_every_millisecond {
         every.it_interval.tv_usec = 1000;
         setitimer(ITIMER_REAL, &every, nullptr);
     }
-    ~alarm_every_millisecond() {
-        itimerval off{};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        // A signal still pending from the last tick is taken here, so that
-        // it cannot meet the restored default action (which ends the
-        // program).
-        sigset_t alarm, old;
-        sigemptyset(&alarm);
-        sigaddset(&alarm, SIGALRM);
-        pthread_sigmask(SIG_BLOCK, &alarm, &old);
-        const timespec no_wait{};
-        while (sigtimedwait(&alarm, nullptr, &no_wait) == SIGALRM) {
-        }
-        sigaction(SIGALRM, &saved_, nullptr);
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    }
+    ~alarm_every_millisecond() { qx_test::end_alarm_storm(saved_); }
     alarm_every_millisecond(const alarm_every_millisecond &) = delete;
     alarm_every_millisecond &operator=(const alarm_every_millisecond &) = delete;
 

@@ -6,6 +6,7 @@
 #include <sys/time.h>
 
 #include "qxcommon-util/process.h"
+#include "support/alarm_storm.hpp"
 
 namespace forkandexec_test {
 namespace {
@@ -198,19 +199,7 @@ class ForkAndExecSignals : public ForkAndExec {
     }
 
     void TearDown() override {
-        const itimerval off{};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        // A tick still pending (valgrind delivers signals late) is taken
-        // here, before the restored default action could end the program.
-        sigset_t alarm, old;
-        sigemptyset(&alarm);
-        sigaddset(&alarm, SIGALRM);
-        pthread_sigmask(SIG_BLOCK, &alarm, &old);
-        const timespec no_wait{};
-        while (sigtimedwait(&alarm, nullptr, &no_wait) == SIGALRM) {
-        }
-        sigaction(SIGALRM, &saved_action_, nullptr);
-        pthread_sigmask(SIG_SETMASK, &old, nullptr);
+        qx_test::end_alarm_storm(saved_action_);
         EXPECT_GT(alarms_caught.load(), 10) << "the calls were hardly interrupted";
         ForkAndExec::TearDown();
     }
