@@ -1,6 +1,5 @@
-# The process suite can make the start of a child process fail.
+# The command family's slow tests.
 if(TARGET forkandexec_test)
-    target_sources(forkandexec_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/support/start_fail.cpp)
     # The tests that need thirty seconds of silence, or many calls from
     # several threads, skip themselves unless QX_SLOW_TESTS is set; they run here on
     # their own, labelled slow, with room for the sanitizer build.

@@ -75,7 +75,7 @@ for program in "$scratch/first-pkg-config" "$scratch/cmake-build/first"; do
     fi
 done
 echo "== the installed qxutil"
-qxutil encode hex qx | grep -qx 7178 || { echo "qxutil encode hex qx does not print 7178"; failed=1; }
+printf qx | qxutil encode hex | grep -qx 7178 || { echo "qxutil encode hex of qx does not print 7178"; failed=1; }
 man -w qxutil > /dev/null 2>&1 || [ -f /usr/share/man/man1/qxutil.1.gz ] || {
     echo "no qxutil(1) installed"
     failed=1
